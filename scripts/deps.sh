@@ -1,0 +1,27 @@
+#!/bin/bash
+# Installs the Debian 12 packages that building and testing need, when any is
+# missing. Needs root for apt-get; otherwise prints the command to run.
+set -euo pipefail
+
+packages=(
+    build-essential cmake g++ clang clang-format
+    libgtest-dev libgmock-dev libbenchmark-dev
+    iproute2 procps util-linux wget
+)
+
+missing=()
+for p in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$p")
+    fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" != 0 ]; then
+    echo "Missing packages; as root run: apt-get update && apt-get install -y ${missing[*]}" >&2
+    exit 1
+fi
+echo "Installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -q
+apt-get install -y -q --no-install-recommends "${missing[@]}"

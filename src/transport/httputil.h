@@ -1,0 +1,38 @@
+// HTTP framing: the growable message buffer, the request header and its
+// length patch, the line reader and keyword matcher, blocking readers and the
+// version packing. A buffer belongs to one thread at a time.
+#pragma once
+
+#include <stdarg.h>
+#include <stdint.h>
+
+typedef struct tagHTTP_BUF {
+    int buflen;  // capacity believed, not counting the byte for the NUL
+    int datalen; // valid bytes in data
+    int offset;  // read position
+    char* data;  // malloc'd, NUL-terminated, or null
+} HTTP_BUF, CHTTP_BUF;
+
+extern "C" {
+void CopyToHttpBuf(tagHTTP_BUF* buf, const char* text);
+void sprintfToHttpBuf(tagHTTP_BUF* buf, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+void vsprintfToHttpBuf(tagHTTP_BUF* buf, const char* format, va_list args);
+void CopyHttpBuf(const tagHTTP_BUF* src, tagHTTP_BUF* dst, int n);
+void FreeHttpBuf(tagHTTP_BUF* buf);
+
+// Clears buf, writes the POST header for host; *lengthPos receives the index
+// of the five-character length field. Returns the header length.
+int BuildHttpReqHeader(tagHTTP_BUF* buf, const char* host, int* lengthPos);
+void SetContentLength(tagHTTP_BUF* buf, int lengthPos, int bodyLength);
+
+// Next line at buf->offset (modified in place), or "" when no whole line.
+char* HttpGetLine(tagHTTP_BUF* buf);
+// Value of a KEY=VALUE line whose key is keyword (any case), else null.
+char* HttpMatchKeyword(char* line, const char* keyword);
+
+char* ReadHttpHeader(int socket, tagHTTP_BUF* buf);
+char* ReadHttpBody(int socket, tagHTTP_BUF* buf, int contentLength);
+
+uint32_t MakeMajorMinVerParam(const char* text);
+}

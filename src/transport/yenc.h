@@ -1,0 +1,11 @@
+// The line-safe encodings of the wire: base-64 with its own alphabet and no
+// padding, and the yEnc-style escape coding of data frames. Results are
+// malloc'd; callers free them. Re-entrant.
+#pragma once
+
+extern "C" {
+char* Encode64(const unsigned char* src, int n);
+unsigned char* Decode64(const char* text, int* len);
+int yEncode(const unsigned char* src, int n, char** out);
+int yDecode(const char* text, int size, unsigned char** out);
+}
