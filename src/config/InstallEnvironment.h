@@ -1,5 +1,6 @@
 // Install facts: install directory, platform and product names. Read from any
-// thread; the install path may be replaced only at start-up (no lock).
+// thread; the install path is meant to be replaced at start-up only, and a
+// module-private mutex guards it all the same.
 #pragma once
 
 #include <string>

@@ -1,6 +1,7 @@
 // The process-wide settings store: section -> key -> value, all text.
 // Filled on the main thread at start-up, read by any thread afterwards; it has
 // no lock of its own, so nothing may write to it once worker threads run.
+// Only the lazy creation in getInstance is guarded (by a private mutex).
 #pragma once
 
 #include <map>
