@@ -13,6 +13,11 @@ typedef struct tagHTTP_BUF {
     char* data;  // malloc'd, NUL-terminated, or null
 } HTTP_BUF, CHTTP_BUF;
 
+// Bounds of the blocking readers: a peer that sends a longer header, or
+// announces a longer body, is treated like a receive error.
+constexpr int kMaxHttpHeaderBytes = 1 << 20;
+constexpr int kMaxHttpBodyBytes = 16 << 20;
+
 extern "C" {
 void CopyToHttpBuf(tagHTTP_BUF* buf, const char* text);
 void sprintfToHttpBuf(tagHTTP_BUF* buf, const char* format, ...)
@@ -24,6 +29,8 @@ void FreeHttpBuf(tagHTTP_BUF* buf);
 // Clears buf, writes the POST header for host; *lengthPos receives the index
 // of the five-character length field. Returns the header length.
 int BuildHttpReqHeader(tagHTTP_BUF* buf, const char* host, int* lengthPos);
+// Prints bodyLength as "%5d" over the field; a length that does not fit in
+// five characters leaves the field unpatched.
 void SetContentLength(tagHTTP_BUF* buf, int lengthPos, int bodyLength);
 
 // Next line at buf->offset (modified in place), or "" when no whole line.
@@ -31,6 +38,7 @@ char* HttpGetLine(tagHTTP_BUF* buf);
 // Value of a KEY=VALUE line whose key is keyword (any case), else null.
 char* HttpMatchKeyword(char* line, const char* keyword);
 
+// Blocking readers; on error or end of stream they free buf and return null.
 char* ReadHttpHeader(int socket, tagHTTP_BUF* buf);
 char* ReadHttpBody(int socket, tagHTTP_BUF* buf, int contentLength);
 

@@ -1,0 +1,154 @@
+#include "transport/yenc.h"
+
+#include <limits.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace {
+
+const char kAlphabet64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789()";
+
+struct DecodeTable {
+    signed char value[256];
+    constexpr DecodeTable() : value{} {
+        for (int i = 0; i < 256; ++i) {
+            value[i] = -1;
+        }
+        for (int i = 0; i < 64; ++i) {
+            value[static_cast<unsigned char>(kAlphabet64[i])] = static_cast<signed char>(i);
+        }
+    }
+};
+
+constexpr DecodeTable kDecode64;
+
+// The yEnc shift and the escape set of the data channel.
+constexpr unsigned kYencShift = 42;
+constexpr unsigned kYencEscapeShift = 64;
+
+bool NeedsYencEscape(unsigned char c) {
+    return c == 0x00 || c == 0x09 || c == 0x0A || c == 0x0D || c == 0x2E || c == 0x3D;
+}
+
+// Unlike assert() this also holds in release builds: a malformed frame must
+// never be decoded past its end.
+[[noreturn]] void DecoderAssertionFailed(const char* expression, int line) {
+    fprintf(stderr, "%s:%d: yDecode: Assertion `%s' failed.\n", __FILE__, line, expression);
+    abort();
+}
+
+#define YDECODE_ASSERT(expr)                                                                       \
+    do {                                                                                           \
+        if (!(expr)) {                                                                             \
+            DecoderAssertionFailed(#expr, __LINE__);                                               \
+        }                                                                                          \
+    } while (0)
+
+} // namespace
+
+extern "C" char* Encode64(const unsigned char* src, int n) {
+    const size_t count = n > 0 ? size_t(n) : 0;
+    char* out = static_cast<char*>(malloc(4 * ((count + 2) / 3) + 1));
+    if (out == nullptr) {
+        return nullptr;
+    }
+    char* o = out;
+    for (size_t i = 0; i < count; i += 3) {
+        const size_t left = count - i;
+        const uint32_t group = uint32_t(src[i]) << 16 | (left > 1 ? uint32_t(src[i + 1]) << 8 : 0) |
+                               (left > 2 ? uint32_t(src[i + 2]) : 0);
+        *o++ = kAlphabet64[(group >> 18) & 63];
+        *o++ = kAlphabet64[(group >> 12) & 63];
+        *o++ = kAlphabet64[(group >> 6) & 63];
+        *o++ = kAlphabet64[group & 63];
+    }
+    *o = '\0';
+    return out;
+}
+
+extern "C" unsigned char* Decode64(const char* text, int* len) {
+    const size_t textLength = text != nullptr ? strlen(text) : 0;
+    // At least one byte, so that even a text too short to yield anything
+    // gives the caller a block to free.
+    const size_t capacity = textLength * 3 / 4;
+    unsigned char* out = static_cast<unsigned char*>(malloc(capacity > 0 ? capacity : 1));
+    size_t produced = 0;
+    if (out != nullptr) {
+        for (size_t i = 0; i < textLength; i += 4) {
+            uint32_t group = 0;
+            int digits = 0;
+            while (digits < 4 && i + digits < textLength) {
+                const int v = kDecode64.value[static_cast<unsigned char>(text[i + digits])];
+                if (v < 0) {
+                    break;
+                }
+                group = group << 6 | uint32_t(v);
+                ++digits;
+            }
+            group <<= 6 * (4 - digits);
+            // Two digits give one byte, three give two, four give three.
+            for (int b = 0; b < digits - 1; ++b) {
+                out[produced++] = static_cast<unsigned char>(group >> (16 - 8 * b));
+            }
+            if (digits < 4) {
+                break;
+            }
+        }
+    }
+    if (len != nullptr) {
+        *len = produced > size_t(INT_MAX) ? INT_MAX : int(produced);
+    }
+    return out;
+}
+
+extern "C" int yEncode(const unsigned char* src, int n, char** out) {
+    *out = nullptr;
+    // The result's length must fit the int return value.
+    if (n <= 0 || n > (INT_MAX - 1) / 2) {
+        return 0;
+    }
+    char* encoded = static_cast<char*>(malloc(2 * size_t(n) + 1));
+    if (encoded == nullptr) {
+        return 0;
+    }
+    char* o = encoded;
+    for (int i = 0; i < n; ++i) {
+        const unsigned char c = static_cast<unsigned char>(src[i] + kYencShift);
+        if (NeedsYencEscape(c)) {
+            *o++ = '=';
+            *o++ = static_cast<char>(static_cast<unsigned char>(c + kYencEscapeShift));
+        } else {
+            *o++ = static_cast<char>(c);
+        }
+    }
+    *o = '\0';
+    *out = encoded;
+    return int(o - encoded);
+}
+
+extern "C" int yDecode(const char* text, int size, unsigned char** out) {
+    const int limit = text != nullptr && size > 0 ? size : 0;
+    unsigned char* dstbuf = static_cast<unsigned char*>(malloc(limit > 0 ? size_t(limit) : 1));
+    YDECODE_ASSERT(dstbuf);
+    *out = dstbuf;
+    int produced = 0;
+    int i = 0;
+    while (i < limit && text[i] != '\0') {
+        if (text[i] == '=') {
+            // An escape cut off by the end of the text or of its counted
+            // length is malformed input.
+            const char c = i + 1 < limit ? text[i + 1] : '\0';
+            YDECODE_ASSERT(c != '\0');
+            dstbuf[produced++] = static_cast<unsigned char>(static_cast<unsigned char>(c) -
+                                                            kYencEscapeShift - kYencShift);
+            i += 2;
+        } else {
+            dstbuf[produced++] =
+                static_cast<unsigned char>(static_cast<unsigned char>(text[i]) - kYencShift);
+            ++i;
+        }
+    }
+    return produced;
+}

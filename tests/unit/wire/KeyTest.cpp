@@ -1,0 +1,139 @@
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "transport/MD5.h"
+#include "transport/gengsk.h"
+#include "transport/password.h"
+
+namespace {
+
+std::string Hex(const unsigned char* bytes, size_t n) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (size_t i = 0; i < n; ++i) {
+        hex += kDigits[bytes[i] >> 4];
+        hex += kDigits[bytes[i] & 15];
+    }
+    return hex;
+}
+
+std::string Encrypted(int seed, const std::string& plain, int size = 256) {
+    std::string out(size_t(size), '\x7F');
+    _EncryptPassword(seed, plain.c_str(), out.data(), size);
+    return out.c_str();
+}
+
+std::string Decrypted(int seed, const std::string& cipher, int size = 256) {
+    std::string out(size_t(size), '\x7F');
+    _DecryptPassword(seed, cipher.c_str(), out.data(), size);
+    return out.c_str();
+}
+
+TEST(MD5, Rfc1321TestSuite) {
+    const struct {
+        const char* text;
+        const char* digest;
+    } cases[] = {
+        {"", "d41d8cd98f00b204e9800998ecf8427e"},
+        {"a", "0cc175b9c0f1b6a831c399e269772661"},
+        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
+        {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
+         "d174ab98d277d9f5a5611c2c9f419d9f"},
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"},
+    };
+    for (const auto& c : cases) {
+        const std::string text = c.text;
+        unsigned char digest[16];
+        vel::MD5Digest(text.data(), text.size(), digest);
+        EXPECT_EQ(Hex(digest, 16), c.digest) << text;
+        // Fed in uneven pieces the digest is the same.
+        for (size_t piece : {1u, 7u, 63u, 64u, 65u}) {
+            vel::MD5 md5;
+            for (size_t at = 0; at < text.size(); at += piece) {
+                md5.Update(text.data() + at, std::min(piece, text.size() - at));
+            }
+            md5.Final(digest);
+            EXPECT_EQ(Hex(digest, 16), c.digest) << text << " in pieces of " << piece;
+        }
+    }
+}
+
+TEST(GenWireGsk, Base64OfTheKeyDigest) {
+    const struct {
+        const char* key;
+        const char* wire;
+    } cases[] = {
+        {"", "1B2M2Y8AsgTpgAmY7PhCfgAA"},
+        {"gatewaykey", "far7lnwbTXjAPwXTwPpEQAAA"},
+        {"secret", "Xr4ilOzQ4PCOq3aQ0qbuaQAA"},
+    };
+    for (const auto& c : cases) {
+        char* wire = GenWireGsk(c.key);
+        ASSERT_NE(wire, nullptr);
+        EXPECT_STREQ(wire, c.wire);
+        free(wire);
+    }
+}
+
+TEST(Password, PinnedCipherTexts) {
+    const struct {
+        int seed;
+        std::string plain;
+        const char* cipher;
+    } cases[] = {
+        {kPasswordSeed, "secret", ">OHA?JGG>AEG"},
+        {kPasswordSeed, "Gateway-Key 2024", "<MEK>EEE=ACD:N=KBF@KDD<D:F:NDLCF"},
+        {kPasswordSeed, "\x80\xC3\xA9\xFF\x41", "?K>K:J;D?J"},
+        {kPasswordSeed, "", ""},
+        {7, "abc", "HF>KDO"},
+        {-3, "abc", "GL=LCN"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Encrypted(c.seed, c.plain), c.cipher) << c.plain;
+        EXPECT_EQ(Decrypted(c.seed, c.cipher), c.plain) << c.cipher;
+    }
+}
+
+TEST(Password, RoundTripsEveryByteValue) {
+    std::string plain;
+    for (int b = 1; b < 256; ++b) {
+        plain += char(b);
+    }
+    for (int seed : {0, 1, kPasswordSeed, 0xFFFF, 0x12345, -1}) {
+        const std::string cipher = Encrypted(seed, plain, 1024);
+        EXPECT_EQ(cipher.size(), 2 * plain.size());
+        EXPECT_EQ(cipher.find_first_not_of("9:;<=>?@ABCDEFGHIJKLMNOP"), std::string::npos);
+        EXPECT_EQ(Decrypted(seed, cipher, 1024), plain) << seed;
+    }
+}
+
+TEST(Password, OutputSizeBoundsBothDirections) {
+    // A stored key read into 16 bytes gives at most 15 characters.
+    char key[20];
+    memset(key, 'x', sizeof key);
+    _DecryptPassword(kPasswordSeed, Encrypted(kPasswordSeed, "0123456789abcdefXYZ").c_str(), key,
+                     16);
+    EXPECT_EQ(strlen(key), 15u);
+    EXPECT_EQ(key[16], 'x');
+    // Encryption never writes more than size bytes: two letters a character.
+    char out[8];
+    memset(out, 'x', sizeof out);
+    _EncryptPassword(kPasswordSeed, "secret", out, 5);
+    EXPECT_EQ(strlen(out), 4u);
+    EXPECT_EQ(Decrypted(kPasswordSeed, out), "se");
+    EXPECT_EQ(out[5], 'x');
+    const std::string before(out, sizeof out);
+    _EncryptPassword(kPasswordSeed, "secret", out, 0);
+    _DecryptPassword(kPasswordSeed, "AAAA", out, 0);
+    EXPECT_EQ(std::string(out, sizeof out), before);
+}
+
+} // namespace
