@@ -19,6 +19,8 @@ constexpr int kMaxHttpHeaderBytes = 1 << 20;
 constexpr int kMaxHttpBodyBytes = 16 << 20;
 
 extern "C" {
+// Appends text; a piece of any length is kept exact. Should memory run out the
+// text is dropped and the buffer left as it was.
 void CopyToHttpBuf(tagHTTP_BUF* buf, const char* text);
 void sprintfToHttpBuf(tagHTTP_BUF* buf, const char* format, ...)
     __attribute__((format(printf, 2, 3)));

@@ -56,17 +56,6 @@ TEST(HttpRequest, LengthFieldIsFiveCharactersOrLeftUnpatched) {
     }
 }
 
-TEST(HttpRequest, LengthPatchIgnoresPositionsOutsideTheField) {
-    tagHTTP_BUF buf = BufferOf("Content-Length: nnnnn\n");
-    for (int pos : {-1, 0, 17, 100}) {
-        SetContentLength(&buf, pos, 12);
-    }
-    EXPECT_EQ(Contents(buf), "Content-Length: nnnnn\n");
-    SetContentLength(&buf, 16, 12);
-    EXPECT_EQ(Contents(buf), "Content-Length:    12\n");
-    FreeHttpBuf(&buf);
-}
-
 TEST(HttpBuf, SmallMessagesGetOneBlockOf4096) {
     tagHTTP_BUF buf = BufferOf("CMD=POLL\n");
     EXPECT_GE(malloc_usable_size(buf.data), 4096u);
