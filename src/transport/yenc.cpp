@@ -8,7 +8,7 @@
 
 namespace {
 
-const char kAlphabet64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789()";
+constexpr char kAlphabet64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789()";
 
 struct DecodeTable {
     signed char value[256];
