@@ -6,6 +6,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 #include "threads/ThreadCompat.h"
 
 namespace vel {
@@ -51,7 +53,7 @@ public:
     void try_to_join_then_kill(long timeout);
     void* thread_function();
 
-    bool m_quit;
+    std::atomic<bool> m_quit; // set by the owner, polled by the body
     void* (*m_thread_function)(void*);
     void* m_thread_arg;
     pthread_t m_pthread;
