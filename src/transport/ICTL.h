@@ -264,7 +264,14 @@ public:
         }
         vel::CSingleLock lock(&m_lock, TRUE);
         const char* addr = Valid(session) ? m_sessions[session - 1].m_addr : "";
-        strncpy(buf, addr, size_t(buflen));
+        // strncpy semantics: no terminator when the text fills the buffer.
+        int i = 0;
+        for (; i < buflen && addr[i] != '\0'; ++i) {
+            buf[i] = addr[i];
+        }
+        for (; i < buflen; ++i) {
+            buf[i] = '\0';
+        }
     }
 
     // Marks the first free session from the round-robin base as in use and

@@ -1,0 +1,94 @@
+// Helpers of the transport unit tests: a settings callback and a link whose
+// socket is one end of a socket pair, so what the transport writes can be read
+// back and a dropped link seen. Single-threaded.
+#pragma once
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "transport/htctl.h"
+
+namespace transport_test {
+
+// Answers codes 7 and 8 from maps (absent text: left empty; absent integer:
+// the default) and records every callback.
+struct FakeSettings {
+    std::map<std::pair<std::string, std::string>, std::string> text;
+    std::map<std::pair<std::string, std::string>, int> integers;
+    std::vector<std::pair<int, CTL_CALLBACK>> events;
+
+    static int Callback(int code, void* cbdata, CTL_CALLBACK* cb) {
+        auto* self = static_cast<FakeSettings*>(cbdata);
+        self->events.emplace_back(code, *cb);
+        if (code == kCtlConfigString) {
+            auto it = self->text.find({cb->configstr.section, cb->configstr.key});
+            if (it != self->text.end()) {
+                strncpy(cb->configstr.buf, it->second.c_str(), size_t(cb->configstr.buflen));
+            }
+        } else if (code == kCtlConfigInt) {
+            auto it = self->integers.find({cb->configint.section, cb->configint.key});
+            return it != self->integers.end() ? it->second : cb->configint.dflt;
+        }
+        return 0;
+    }
+    void InstallIn(vel::CHTCTL& ctl) {
+        ctl.m_callback = &FakeSettings::Callback;
+        ctl.m_cbdata = this;
+    }
+    int Count(int code) const {
+        int n = 0;
+        for (const auto& e : events) {
+            n += e.first == code;
+        }
+        return n;
+    }
+};
+
+// A link "connected" through a socket pair: the transport's end is the link's
+// socket (use count 1), the test holds the peer.
+struct PairedLink {
+    explicit PairedLink(vel::CHTCTL* ctl, const char* gateway = "gw.example:443")
+        : link(gateway, "key", ctl, nullptr) {
+        int fds[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
+            link.m_socket = fds[0];
+            link.m_use_count = 1;
+            peer = fds[1];
+        }
+    }
+    ~PairedLink() {
+        if (peer != -1) {
+            close(peer);
+        }
+    }
+    // Everything written to the link so far.
+    std::string Drain() {
+        std::string out;
+        char chunk[4096];
+        for (;;) {
+            const ssize_t n = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT);
+            if (n <= 0) {
+                return out;
+            }
+            out.append(chunk, size_t(n));
+        }
+    }
+    vel::CTL_HTTP_CONNECTION link;
+    int peer = -1;
+};
+
+// The request header the transport writes for a body of `bodyLength` bytes.
+inline std::string RequestHeader(const std::string& host, size_t bodyLength) {
+    char length[16];
+    snprintf(length, sizeof length, "%5d", int(bodyLength));
+    return "POST http://" + host + "/fakeurl.htm HTTP/1.1\n" + "User-Agent: Corvane Manager/1.0\n" +
+           "Content-Type: application/x-www-form-urlencoded\n" + "Content-Length: " + length +
+           "\n" + "Host: " + host + "\n" + "Connection: Keep-Alive\n\n";
+}
+
+} // namespace transport_test
