@@ -20,17 +20,20 @@ namespace transport_test {
 struct FakeSettings {
     std::map<std::pair<std::string, std::string>, std::string> text;
     std::map<std::pair<std::string, std::string>, int> integers;
-    std::vector<std::pair<int, CTL_CALLBACK>> events;
+    std::vector<std::pair<int, CTL_CALLBACK>> events; // pointers in them are stale
+    std::vector<std::string> asked;                   // section/key of codes 7 and 8
 
     static int Callback(int code, void* cbdata, CTL_CALLBACK* cb) {
         auto* self = static_cast<FakeSettings*>(cbdata);
         self->events.emplace_back(code, *cb);
         if (code == kCtlConfigString) {
+            self->asked.push_back(std::string(cb->configstr.section) + "/" + cb->configstr.key);
             auto it = self->text.find({cb->configstr.section, cb->configstr.key});
             if (it != self->text.end()) {
                 strncpy(cb->configstr.buf, it->second.c_str(), size_t(cb->configstr.buflen));
             }
         } else if (code == kCtlConfigInt) {
+            self->asked.push_back(std::string(cb->configint.section) + "/" + cb->configint.key);
             auto it = self->integers.find({cb->configint.section, cb->configint.key});
             return it != self->integers.end() ? it->second : cb->configint.dflt;
         }
