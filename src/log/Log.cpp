@@ -1,5 +1,9 @@
 #include "log/Log.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
@@ -13,6 +17,20 @@ namespace {
 // Lines come from the main thread, the transport's threads and trace; one
 // lock keeps each line in one piece and the stream free of data races.
 std::mutex gLogMutex;
+
+void WriteFully(int fd, const char* data, std::size_t length) {
+    while (length > 0) {
+        ssize_t done = write(fd, data, length);
+        if (done < 0 && errno == EINTR) {
+            continue;
+        }
+        if (done <= 0) {
+            return;
+        }
+        data += done;
+        length -= static_cast<std::size_t>(done);
+    }
+}
 } // namespace
 
 std::string FormatLogLine(const std::string& message) {
@@ -58,6 +76,20 @@ void StopLog() {
     gLog.flush();
     gLog.close();
     gLogging = false;
+}
+
+void WriteLogLineAfterFork(const char* line, std::size_t length) {
+    // The child is single-threaded, so reading gLogging unguarded is safe here;
+    // the file is opened anew because gLog's buffer may hold another thread's
+    // half-written line.
+    if (gLogging) {
+        int fd = open(kLogPath, O_WRONLY | O_APPEND | O_CLOEXEC);
+        if (fd != -1) {
+            WriteFully(fd, line, length);
+            close(fd);
+        }
+    }
+    WriteFully(STDERR_FILENO, line, length);
 }
 
 } // namespace vel

@@ -1,8 +1,10 @@
 // The event log: time-stamped lines appended to /var/log/notifydaemon.log and
 // mirrored to standard error. Any thread may call Log; gLogMutex (in Log.cpp)
-// guards gLog so that each line is written whole.
+// guards gLog so that each line is written whole. WriteLogLineAfterFork is for
+// a forked child only and takes no lock.
 #pragma once
 
+#include <cstddef>
 #include <fstream>
 #include <string>
 
@@ -22,5 +24,11 @@ void StopLog();
 
 // Builds the line Log writes, without its trailing newline (for tests).
 std::string FormatLogLine(const std::string& message);
+
+// For a child between fork and exec: writes a line already built by
+// FormatLogLine (newline included) to the log file, if the parent had it open,
+// and to stderr, using plain system calls and no lock, since a thread that did
+// not survive the fork may have held gLogMutex.
+void WriteLogLineAfterFork(const char* line, std::size_t length);
 
 } // namespace vel
