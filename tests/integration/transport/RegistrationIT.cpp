@@ -41,6 +41,15 @@ TEST_F(GatewayTest, RegistrationRequestIsByteExact) {
     EXPECT_EQ(settings.Count(kCtlConfigInt), 1); // *TcpNoDelay, asked when connecting
 }
 
+TEST_F(GatewayTest, ConnectSleepsAfterASuccessfulAttemptToo) {
+    StartGateway();
+    vel::gTransportTimings.m_connectRetrySleepMs = 300;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(Create(), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    EXPECT_EQ(settings.Count(kCtlConfigInt), 1); // one attempt
+}
+
 TEST_F(GatewayTest, UnreachableGatewayFailsCreate) {
     port = 1; // nothing listens there
     settings.Set("HTTP", "GatewayAddress", Target());
