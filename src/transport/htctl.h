@@ -6,7 +6,7 @@
 // request state of the later operations and whole outgoing data frames;
 // ICTLCommon::m_lock guards the session table. Where both are needed m_lock is
 // taken first. Both are non-recursive; they record their owner thread so that
-// the session teardown (Hangup -> UnlinkSession), which the design runs both
+// the session teardown (Hangup -> UnlinkSession), which runs both
 // with and without them held, takes only the ones its thread lacks:
 //  - the destructor takes m_lock and then the table lock (keeping the order)
 //    and hangs every session up inside them;
@@ -75,8 +75,8 @@ public:
     void ReadThread(CTL_HTTP_CONNECTION& connection);
     int GetGatewayIndexFromName(const char* name);
     char* GetGatewayParamFromIndex(const char* prefix, int index, char* buf, int buflen);
-    // The design's four arguments; `proxy` is for callers that connect
-    // through a web proxy.
+    // 0 when connected (or when Connect gave up: see IsConnected), else the
+    // parse or Connect error; `proxy` is for links through a web proxy.
     int ConnectToGateway(const char* target, const char* key, CTL_HTTP_CONNECTION*& connection,
                          const char* name, const char* proxy = nullptr);
 

@@ -95,7 +95,8 @@ int CTL_HTTP_CONNECTION::TryToConnectLocked() {
     in_addr proxy{};
     int proxyPort = 0;
     GetGatewayTarget(&gateway, &gatewayPort);
-    ParseTarget(m_gateway.c_str(), &gateway, &gatewayPort); // result ignored, as designed
+    ParseTarget(m_gateway.c_str(), &gateway,
+                &gatewayPort); // result ignored: the last address stays
     if (m_connect_by_web_proxy) {
         proxyPort = kDefaultProxyPort;
         ParseTarget(m_proxy.c_str(), &proxy, &proxyPort);

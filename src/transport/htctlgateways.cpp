@@ -61,11 +61,12 @@ int CHTCTL::ConnectToGateway(const char* target, const char* key, CTL_HTTP_CONNE
             if (linkAddress.s_addr == address.s_addr && linkPort == port) {
                 connection = existing;
                 const int result = existing->Connect();
-                // The design returns a failed Connect here with the list lock
-                // still held. A non-recursive lock kept for ever would stop
-                // every later user of the list (and the destructor) dead, so the
-                // scoped lock is released on this return as on every other;
-                // the caller still gets the error.
+                // A failed Connect is returned from here, inside the list
+                // lock, and the lock was once left held on this path. Held
+                // for ever, a non-recursive lock would block every later user
+                // of the list (the destructor included), so the scoped lock is
+                // released on this return like on every other; the caller
+                // still gets the error.
                 return result;
             }
         }

@@ -1,6 +1,6 @@
 // Operations and handlers whose work is still to be written. Each handler
 // skips its body's lines up to the first empty line; each operation returns
-// the design's "nothing done" value.
+// its "nothing done" value.
 #include "transport/htctl.h"
 
 namespace vel {

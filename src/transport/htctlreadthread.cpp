@@ -12,7 +12,7 @@ namespace vel {
 namespace {
 
 constexpr int kInitialReceiveSize = 2048;
-// A gateway message may exceed the 4096 bytes of the design's buffers; past
+// A gateway message may exceed the 4096 bytes of the outgoing buffers; past
 // this size without a whole message in it the link is dropped instead, so a
 // header that never ends cannot take all memory.
 constexpr int kMaxReceiveSize = 1 << 20;
@@ -90,7 +90,7 @@ void CHTCTL::ReadThread(CTL_HTTP_CONNECTION& connection) {
         const uint32_t now = NowMs();
         const int interval = gTransportTimings.m_checkIntervalMs.load();
         // The next check is due `interval` after a time set `interval` ahead:
-        // checks are at least twice the interval apart, as designed.
+        // checks are at least twice the interval apart (settled).
         if (int32_t(now - lastCheck) > interval) {
             lastCheck = now + uint32_t(interval);
             CheckConnection(connection);

@@ -110,7 +110,7 @@ void CHTCTL::OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
             gatewayVersion = MakeMajorMinVerParam(value);
         }
     }
-    // Packed comparison, so the minor number weighs more: kept as designed.
+    // Packed comparison, so the minor number weighs more: kept on purpose.
     if (gatewayVersion < connection.m_protocol_ver.load()) {
         connection.m_protocol_ver = gatewayVersion;
     }
