@@ -1,22 +1,29 @@
 #include "log/Log.h"
 
+#include <cxxabi.h>
+#include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <mutex>
 
 namespace vel {
 
-std::ofstream gLog;
+std::ostream gLog(nullptr);
 bool gLogging = false;
 
 namespace {
 // Lines come from the main thread, the transport's threads and trace; one
 // lock keeps each line in one piece and the stream free of data races.
 std::mutex gLogMutex;
+// The file behind gLog. Opened close-on-exec so that the display programs the
+// daemon starts (which drop to the desktop user) never inherit a descriptor
+// that writes into root's log.
+std::unique_ptr<__gnu_cxx::stdio_filebuf<char>> gLogFile;
 
 void WriteFully(int fd, const char* data, std::size_t length) {
     while (length > 0) {
@@ -48,9 +55,14 @@ void StartLog() {
     if (gLogging) {
         return;
     }
+    int fd = open(kLogPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (fd == -1) {
+        return; // stderr only; a later StartLog tries again
+    }
+    gLogFile = std::make_unique<__gnu_cxx::stdio_filebuf<char>>(fd, std::ios::out | std::ios::app);
+    gLog.rdbuf(gLogFile.get());
     gLog.clear();
-    gLog.open(kLogPath, std::ios::out | std::ios::app);
-    gLogging = gLog.is_open();
+    gLogging = true;
 }
 
 void Log(const std::string& message) {
@@ -63,6 +75,8 @@ void Log(const std::string& message) {
         }
         fwrite(line.data(), 1, line.size(), stderr);
         fflush(stderr);
+    } catch (abi::__forced_unwind&) {
+        throw; // a cancelled thread must finish unwinding
     } catch (...) {
         // Logging must never take the caller down.
     }
@@ -74,7 +88,8 @@ void StopLog() {
         return;
     }
     gLog.flush();
-    gLog.close();
+    gLog.rdbuf(nullptr);
+    gLogFile.reset(); // closes the descriptor
     gLogging = false;
 }
 

@@ -5,12 +5,12 @@
 #pragma once
 
 #include <cstddef>
-#include <fstream>
+#include <ostream>
 #include <string>
 
 namespace vel {
 
-extern std::ofstream gLog;
+extern std::ostream gLog;
 extern bool gLogging;
 
 constexpr const char* kLogPath = "/var/log/notifydaemon.log";
