@@ -10,6 +10,8 @@ add_library(nd_transport STATIC
   ${CMAKE_CURRENT_LIST_DIR}/htctlgateways.cpp
   ${CMAKE_CURRENT_LIST_DIR}/htctlreadthread.cpp
   ${CMAKE_CURRENT_LIST_DIR}/htctldispatch.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/htctlmessages.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/htctlfileinfo.cpp
   ${CMAKE_CURRENT_LIST_DIR}/htctllater.cpp)
 target_include_directories(nd_transport PUBLIC ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(nd_transport PUBLIC nd_wire nd_threads nd_host nd_config nd_log

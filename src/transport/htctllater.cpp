@@ -45,16 +45,6 @@ void CHTCTL::OnAddDomainReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION&) {
     OnUnknownResponse(body, nullptr);
 }
 
-// Will decode a notification and raise callback code 1 with its message block.
-void CHTCTL::OnMessage(tagHTTP_BUF& body, CTL_HTTP_CONNECTION&) {
-    OnUnknownResponse(body, nullptr);
-}
-
-// Will hand the file's name, size, time and server address to callback code 16.
-void CHTCTL::OnGetFileInfoReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION&) {
-    OnUnknownResponse(body, nullptr);
-}
-
 // Will send to one session, or broadcast for numbers <= 0 through the subset bitmaps.
 int CHTCTL::Send(int, const void*, int) {
     return -1;
@@ -92,21 +82,6 @@ int CHTCTL::AddDomain(const char*, CTL_ADDDOMAIN_PARAMS*, long*) {
 
 // Will send CMD=USERSTATUS on the first link.
 int CHTCTL::UserStatus(const char*, tagCTL_USERSTATUSINFO*) {
-    return 0;
-}
-
-// Will send CMD=MESSAGERECEIVED on the first link.
-int CHTCTL::MessageReceived(tagCTL_MESSAGERECEIVEDINFO*) {
-    return 0;
-}
-
-// Will send CMD=MESSAGEACK on the first link.
-int CHTCTL::MessageAcknowledged(tagCTL_MESSAGEACKNOWLEDGEDINFO*) {
-    return 0;
-}
-
-// Will send CMD=GETFILEINFO; the answer comes through callback code 16.
-int CHTCTL::GetFileInfo(const char*, tagCTL_GETFILEINFO*) {
     return 0;
 }
 

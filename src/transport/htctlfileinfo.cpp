@@ -1,0 +1,167 @@
+// File information requests: "CMD=GETFILEINFO" from the application's timer
+// thread, "GETFILEINFO_REPLY" on the link's read thread into callback code 16.
+// The pending flag and the result of each link live under the connection-list
+// lock, and code 16 is raised with that lock held.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <string>
+
+#include "transport/TransportTimings.h"
+#include "transport/htctl.h"
+#include "transport/htctlparse.h"
+
+namespace vel {
+
+namespace {
+
+constexpr int kWaitingSlaveType = -1;
+constexpr int kFileInfoPollMs = 20;
+constexpr uint32_t kFileInfoWaitMs = 4999; // given up once more than this has passed
+constexpr int kFileInfoTimedOut = 1460;
+
+bool ConnectsAtCreate(int slaveType) {
+    return slaveType == 0 || slaveType == 256;
+}
+
+bool IsEmpty(const char* text) {
+    return text == nullptr || text[0] == '\0';
+}
+
+// "a.b.c.d:port" of the gateway at the other end of the link, or "".
+std::string PeerAddress(const CTL_HTTP_CONNECTION& link) {
+    return link.UseSocket([](int s) -> std::string {
+        sockaddr_in peer;
+        socklen_t length = sizeof peer;
+        memset(&peer, 0, sizeof peer);
+        if (s == -1 || getpeername(s, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+            peer.sin_family != AF_INET) {
+            return "";
+        }
+        char dotted[INET_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
+        return std::string(dotted) + ":" + std::to_string(ntohs(peer.sin_port));
+    });
+}
+
+// The first link while it is still in the list (the caller holds the lock).
+CTL_HTTP_CONNECTION* FirstLink(CHTCTL& ctl) {
+    return ctl.m_connections.empty() ? nullptr : ctl.m_connections.front();
+}
+
+} // namespace
+
+int CHTCTL::GetFileInfo(const char* name, tagCTL_GETFILEINFO* info) {
+    const bool waiting = m_slaveType == kWaitingSlaveType;
+    if (waiting && IsEmpty(name)) {
+        return 0;
+    }
+    if (info == nullptr || IsEmpty(info->linkname)) {
+        return 0;
+    }
+    CTL_HTTP_CONNECTION* asked = nullptr;
+    {
+        CSingleLock lock(&m_lock, TRUE);
+        asked = FirstLink(*this);
+        if (asked != nullptr) {
+            if (asked->IsConnected()) {
+                asked->getfileinfo_pending = true;
+                asked->getfileinfo_result = 0;
+            }
+            // Written whether or not the link is up: a down link fails quietly.
+            tagHTTP_BUF request = {0, 0, 0, nullptr};
+            int lengthPos = 0;
+            const int header = BuildHttpReqHeader(&request, asked->m_gateway.c_str(), &lengthPos);
+            CopyToHttpBuf(&request, "CMD=GETFILEINFO\n");
+            sprintfToHttpBuf(&request, "LINK=%s\n", info->linkname);
+            SetContentLength(&request, lengthPos, request.datalen - header);
+            asked->Write(request.data, request.datalen);
+            FreeHttpBuf(&request);
+        }
+    }
+    if (!waiting) {
+        return 1; // the answer comes through callback code 16
+    }
+
+    // Waiting mode: the link is looked up again at every poll, so one that
+    // left the list meanwhile is never touched.
+    const uint32_t started = NowMs();
+    int result = kFileInfoTimedOut;
+    for (;;) {
+        {
+            CSingleLock lock(&m_lock, TRUE);
+            CTL_HTTP_CONNECTION* link = FirstLink(*this);
+            if (link == nullptr || link != asked) {
+                break;
+            }
+            if (!link->getfileinfo_pending) {
+                result = link->getfileinfo_result;
+                break;
+            }
+        }
+        if (uint32_t(NowMs() - started) > kFileInfoWaitMs) {
+            break;
+        }
+        SleepMs(kFileInfoPollMs);
+    }
+    {
+        CSingleLock lock(&m_lock, TRUE);
+        CTL_HTTP_CONNECTION* link = FirstLink(*this);
+        if (link != nullptr && link == asked) {
+            link->getfileinfo_pending = false;
+            CloseGatewayConnection(link);
+        }
+    }
+    return result == 0 ? 1 : 0;
+}
+
+void CHTCTL::OnGetFileInfoReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
+    std::string link, fileName, subFolder;
+    uint64_t fileSize = 0;
+    uint64_t lastWriteTime = 0;
+    int result = 0;
+    for (;;) {
+        char* line = HttpGetLine(&body);
+        if (line == nullptr || *line == '\0') {
+            break;
+        }
+        const char* value;
+        if ((value = HttpMatchKeyword(line, "RESULT")) != nullptr) {
+            result = ParseDecimal(value);
+        } else if ((value = HttpMatchKeyword(line, "LINK")) != nullptr) {
+            link = value;
+        } else if ((value = HttpMatchKeyword(line, "FNAME")) != nullptr) {
+            fileName = value;
+        } else if ((value = HttpMatchKeyword(line, "SUB")) != nullptr) {
+            subFolder = value;
+        } else if ((value = HttpMatchKeyword(line, "FSIZE")) != nullptr) {
+            fileSize = strtoull(value, nullptr, 10);
+        } else if ((value = HttpMatchKeyword(line, "LWT")) != nullptr) {
+            lastWriteTime = strtoull(value, nullptr, 10);
+        }
+    }
+    const std::string serverAddress = PeerAddress(connection);
+
+    CSingleLock lock(&m_lock, TRUE);
+    // A failed request, or an answer nobody waits for in a mode that does not
+    // take unsolicited ones, only ends the pending request.
+    if (result == 0 && (connection.getfileinfo_pending || ConnectsAtCreate(m_slaveType))) {
+        CTL_CALLBACK cb;
+        memset(&cb, 0, sizeof cb);
+        cb.fileinfo.linkname = link.c_str();
+        cb.fileinfo.filename = fileName.c_str();
+        cb.fileinfo.subfolder = subFolder.c_str();
+        cb.fileinfo.filesize = fileSize;
+        cb.fileinfo.lastwritetime = lastWriteTime;
+        cb.fileinfo.serveraddress = serverAddress.c_str();
+        RaiseCallback(kCtlFileInfo, &cb);
+    }
+    connection.getfileinfo_pending = false;
+    connection.getfileinfo_result = result;
+}
+
+} // namespace vel

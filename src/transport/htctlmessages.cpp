@@ -1,0 +1,118 @@
+// Notification messages: an inbound "MESSAGE" becomes a message block handed
+// to callback code 1 (on the link's read thread), and the application's two
+// reports, receipt and acknowledgement, go out on the first link (from the
+// application's threads, under the connection-list lock).
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+
+#include "transport/htctl.h"
+#include "transport/htctlparse.h"
+#include "transport/yenc.h"
+
+namespace vel {
+
+namespace {
+
+constexpr int kSenderLength = 100;     // characters of SENDER kept
+constexpr int kBlockSenderLength = 15; // of those, characters in the block
+constexpr int kBlockTextOffset = 18;   // type (2) + sender field (16)
+constexpr int kBlockTrailer = 2;       // zero bytes after the text
+constexpr unsigned char kBlockType = 12;
+
+// "CMD=<command>", "ID=", "UF=" and, for a known user, "UN=", on the first
+// link. Nothing is sent when there is no link; the write's result is ignored.
+void SendMessageReport(CHTCTL& ctl, const char* command, int messageId, int userFlags,
+                       const char* userName) {
+    // The list lock keeps the link alive while it is written to; a caller that
+    // already holds it (a code-16 callback) must not block on itself.
+    CLockUnlessHeld list(ctl.m_lock);
+    if (ctl.m_connections.empty()) {
+        return;
+    }
+    CTL_HTTP_CONNECTION& link = *ctl.m_connections.front();
+    tagHTTP_BUF request = {0, 0, 0, nullptr};
+    int lengthPos = 0;
+    const int header = BuildHttpReqHeader(&request, link.m_gateway.c_str(), &lengthPos);
+    sprintfToHttpBuf(&request, "CMD=%s\n", command);
+    sprintfToHttpBuf(&request, "ID=%d\n", messageId);
+    sprintfToHttpBuf(&request, "UF=%d\n", userFlags);
+    if (userName != nullptr && userName[0] != '\0') {
+        sprintfToHttpBuf(&request, "UN=%s\n", userName);
+    }
+    SetContentLength(&request, lengthPos, request.datalen - header);
+    link.Write(request.data, request.datalen);
+    FreeHttpBuf(&request);
+}
+
+} // namespace
+
+void CHTCTL::OnMessage(tagHTTP_BUF& body, CTL_HTTP_CONNECTION&) {
+    std::string encoded;
+    char sender[kSenderLength + 1] = {}; // always terminated
+    int messageId = -1;
+    for (;;) {
+        char* line = HttpGetLine(&body);
+        if (line == nullptr || *line == '\0') {
+            break;
+        }
+        const char* value;
+        if ((value = HttpMatchKeyword(line, "MSG")) != nullptr) {
+            encoded = value;
+        } else if ((value = HttpMatchKeyword(line, "SENDER")) != nullptr) {
+            const size_t n = strnlen(value, kSenderLength);
+            memcpy(sender, value, n);
+            sender[n] = '\0';
+        } else if ((value = HttpMatchKeyword(line, "ID")) != nullptr) {
+            messageId = ParseDecimal(value);
+        }
+    }
+
+    int textLength = 0;
+    unsigned char* text = Decode64(encoded.c_str(), &textLength);
+    if (text == nullptr) {
+        textLength = 0; // out of memory: delivered as an empty text
+    }
+    const size_t blockLength = size_t(textLength) + kBlockTextOffset + kBlockTrailer;
+    unsigned char* block = static_cast<unsigned char*>(calloc(blockLength, 1));
+    if (block != nullptr) {
+        block[0] = kBlockType;
+        block[1] = 0;
+        // At most 15 characters; the zero-filled block supplies the terminator.
+        memcpy(block + 2, sender, strnlen(sender, kBlockSenderLength));
+        if (textLength > 0) {
+            memcpy(block + kBlockTextOffset, text, size_t(textLength));
+        }
+        char noAddress[1] = {'\0'};
+        CTL_CALLBACK cb;
+        memset(&cb, 0, sizeof cb);
+        cb.message.transport = kCtlTransportHttp;
+        cb.message.session = 0;
+        cb.message.addr = noAddress;
+        cb.message.data = block;
+        cb.message.datalen = int(blockLength);
+        cb.message.messageid = messageId;
+        cb.message.sender = sender;
+        RaiseCallback(kCtlDataReceived, &cb);
+        free(block);
+    }
+    free(text);
+}
+
+int CHTCTL::MessageReceived(tagCTL_MESSAGERECEIVEDINFO* info) {
+    if (info != nullptr) {
+        SendMessageReport(*this, "MESSAGERECEIVED", info->messageid, info->userflags,
+                          info->username);
+    }
+    return 0;
+}
+
+int CHTCTL::MessageAcknowledged(tagCTL_MESSAGEACKNOWLEDGEDINFO* info) {
+    if (info != nullptr) {
+        SendMessageReport(*this, "MESSAGEACK", info->messageid, info->userflags, info->username);
+    }
+    return 0;
+}
+
+} // namespace vel
