@@ -14,6 +14,7 @@ struct TransportTimings {
     std::atomic<int> m_idleSleepMs{100};           // read loop while the link is down
     std::atomic<int> m_readablePollMs{1000};       // IsReadable's poll
     std::atomic<int> m_checkIntervalMs{100};       // keep-alive check spacing term
+    std::atomic<int> m_replyTimeoutMs{29999};      // AddDomain's and Call's reply waits
 };
 
 extern TransportTimings gTransportTimings;

@@ -12,7 +12,9 @@ add_library(nd_transport STATIC
   ${CMAKE_CURRENT_LIST_DIR}/htctldispatch.cpp
   ${CMAKE_CURRENT_LIST_DIR}/htctlmessages.cpp
   ${CMAKE_CURRENT_LIST_DIR}/htctlfileinfo.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/htctllater.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/htctlsessions.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/htctldataframes.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/htctldirectory.cpp)
 target_include_directories(nd_transport PUBLIC ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(nd_transport PUBLIC nd_wire nd_threads nd_host nd_config nd_log
   Threads::Threads)

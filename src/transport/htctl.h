@@ -104,6 +104,11 @@ public:
     void OnDisconnected(CTL_HTTP_CONNECTION& connection);
     void CloseGatewayConnection(CTL_HTTP_CONNECTION* connection);
 
+    // Sessions of a link: the first free one from the round-robin base,
+    // attached (null when all are taken); the one the gateway numbers so.
+    CTL_HTTP_SESSION* CommitSession(CTL_HTTP_CONNECTION* connection, unsigned long connection_id);
+    CTL_HTTP_SESSION* GetSession(unsigned long connection_id, CTL_HTTP_CONNECTION& connection);
+
     char m_name[16] = {};
     char m_serial[11] = {};
     int m_listen_socket = 0;

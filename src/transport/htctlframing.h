@@ -1,0 +1,85 @@
+// Gateway messages in both directions: an outgoing one under construction (an
+// HTTP POST to a link's gateway, or a bare data frame, then body lines, the
+// length patch and one write) and the walk over a received body's lines. Used
+// on any thread; the caller holds whatever lock its message needs.
+#pragma once
+
+#include <stdarg.h>
+
+#include <string>
+
+#include "transport/htctlconnection.h"
+#include "transport/htctlsession.h"
+#include "transport/httputil.h"
+
+namespace vel {
+
+class OutgoingMessage {
+public:
+    // A POST addressed to the link's gateway.
+    explicit OutgoingMessage(const CTL_HTTP_CONNECTION& connection) {
+        m_header = BuildHttpReqHeader(&m_buf, connection.m_gateway.c_str(), &m_lengthPos);
+    }
+    // A bare data frame: "NC_DATA", its length line and an empty line.
+    struct BareFrame {};
+    explicit OutgoingMessage(BareFrame) {
+        CopyToHttpBuf(&m_buf, "NC_DATA\n");
+        CopyToHttpBuf(&m_buf, "Content-Length: nnnnn\n");
+        m_lengthPos = m_buf.datalen - 6;
+        CopyToHttpBuf(&m_buf, "\n");
+        m_header = m_buf.datalen;
+    }
+    ~OutgoingMessage() { FreeHttpBuf(&m_buf); }
+    OutgoingMessage(const OutgoingMessage&) = delete;
+    OutgoingMessage& operator=(const OutgoingMessage&) = delete;
+
+    void Add(const char* text) { CopyToHttpBuf(&m_buf, text != nullptr ? text : ""); }
+    void Line(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+        va_list args;
+        va_start(args, format);
+        vsprintfToHttpBuf(&m_buf, format, args);
+        va_end(args);
+    }
+    int BodyLength() const { return m_buf.datalen - m_header; }
+
+    // Patches the length and writes the whole message; the Write result.
+    int WriteTo(CTL_HTTP_CONNECTION& connection) {
+        Patch();
+        return connection.Write(m_buf.data, m_buf.datalen);
+    }
+    int WriteTo(CTL_HTTP_SESSION& session) {
+        Patch();
+        return session.Write(m_buf.data, m_buf.datalen);
+    }
+
+private:
+    void Patch() { SetContentLength(&m_buf, m_lengthPos, BodyLength()); }
+
+    tagHTTP_BUF m_buf = {0, 0, 0, nullptr};
+    int m_lengthPos = 0;
+    int m_header = 0;
+};
+
+// Calls f(line) for each line of a received body up to the first empty line
+// or the end (lines are cut in place, as HttpGetLine does).
+template <class F> void ForEachBodyLine(tagHTTP_BUF& body, F f) {
+    for (;;) {
+        char* line = HttpGetLine(&body);
+        if (line == nullptr || *line == '\0') {
+            return;
+        }
+        f(line);
+    }
+}
+
+// Stores the value of a KEY=VALUE line in `value` when its key is `key`.
+inline bool TakeField(char* line, const char* key, std::string& value) {
+    const char* found = HttpMatchKeyword(line, key);
+    if (found == nullptr) {
+        return false;
+    }
+    value = found;
+    return true;
+}
+
+} // namespace vel
