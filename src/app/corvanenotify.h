@@ -9,8 +9,8 @@
 
 constexpr const char* kProductVersion = "2.02";
 
-// Note: `vel::CHTCTL* transport` (null until the transport is created) and
-// StopTransport() join these once the transport is built in.
+// The transport global `transport` and StopTransport() are in
+// app/TransportStartup.h.
 
 // Ids of the notifications displayed so far. Shared by the callback thread and
 // the acknowledgement thread: the display code must put a lock on it.

@@ -4,6 +4,8 @@
 // exit status can be collected.
 #include <gtest/gtest.h>
 
+#include "DevGateway.h"
+
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -183,8 +185,16 @@ class DaemonTest : public testing::Test {
 protected:
     static void SetUpTestSuite() {
         ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+        // The gateway of kGoodSettings: start-up completes once it is reached.
+        s_gateway = new devgw::DevGateway();
+        ASSERT_EQ(s_gateway->Start(443), 443);
         WriteFile(kDaemon, ReadFile(kBuiltDaemon));
         ASSERT_EQ(chmod(kDaemon, 0755), 0);
+    }
+
+    static void TearDownTestSuite() {
+        delete s_gateway;
+        s_gateway = nullptr;
     }
 
     void SetUp() override {
@@ -265,7 +275,10 @@ protected:
     }
 
     std::vector<pid_t> m_started;
+    static devgw::DevGateway* s_gateway;
 };
+
+devgw::DevGateway* DaemonTest::s_gateway = nullptr;
 
 TEST_F(DaemonTest, MissingSettingsFileFailsConfiguration) {
     EXPECT_TRUE(ExitedWith(RunToExit(), 1));

@@ -1,0 +1,189 @@
+#include "app/Notification.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+
+#include <vector>
+
+#include "app/Customisation.h"
+#include "app/TransportStartup.h"
+#include "app/corvanenotify.h"
+#include "config/InstallEnvironment.h"
+#include "config/Preferences.h"
+#include "host/ForkProcess.h"
+#include "host/MachineDetails.h"
+
+std::mutex gReceivedMessagesLock;
+
+namespace {
+
+// Display programs started and not yet seen to end. Only the read thread
+// touches it.
+std::vector<pid_t> gDisplayChildren;
+
+// Reaps the display programs that have ended. Only our own pids are waited
+// for, so no other wait (popen's, system's) loses its child. When SIGCHLD is
+// ignored the kernel has already reaped them and waitpid says ECHILD.
+void ReapDisplayChildren() {
+    std::vector<pid_t> running;
+    for (pid_t pid : gDisplayChildren) {
+        if (waitpid(pid, nullptr, WNOHANG) == 0) {
+            running.push_back(pid);
+        }
+    }
+    gDisplayChildren.swap(running);
+}
+
+// The text at `at` up to its NUL or the end of the packet; `next` is the
+// position after the NUL (or the end).
+std::string TextAt(const unsigned char* data, int length, int at, int& next) {
+    if (at >= length) {
+        next = length;
+        return std::string();
+    }
+    const void* nul = memchr(data + at, '\0', size_t(length - at));
+    const int end = nul != nullptr ? int(static_cast<const unsigned char*>(nul) - data) : length;
+    next = nul != nullptr ? end + 1 : length;
+    return std::string(reinterpret_cast<const char*>(data + at), size_t(end - at));
+}
+
+int FlagsValue(const std::string& text) {
+    const long value = strtol(text.c_str(), nullptr, 10);
+    return value > INT_MAX ? INT_MAX : value < INT_MIN ? INT_MIN : int(value);
+}
+
+int AnswerConfigString(CTL_CALLBACK* cb) {
+    char* buf = cb->configstr.buf;
+    const int length = cb->configstr.buflen;
+    if (buf == nullptr || length <= 0) {
+        return 0;
+    }
+    std::string value;
+    if (cb->configstr.section != nullptr && cb->configstr.key != nullptr) {
+        value = vel::Preferences::getInstance()->getConfigString(cb->configstr.section,
+                                                                 cb->configstr.key);
+    }
+    strncpy(buf, value.c_str(), size_t(length));
+    buf[length - 1] = '\0';
+    return 0;
+}
+
+int AnswerConfigInt(CTL_CALLBACK* cb) {
+    if (cb->configint.section == nullptr || cb->configint.key == nullptr) {
+        return cb->configint.dflt;
+    }
+    return vel::Preferences::getInstance()->getConfigInt(cb->configint.section, cb->configint.key,
+                                                         cb->configint.dflt);
+}
+
+const char* TextOrEmpty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+} // namespace
+
+int ClientCallback(int code, void*, CTL_CALLBACK* cb) {
+    if (code < 0 || code > kCtlFileInfo || cb == nullptr) {
+        return 0;
+    }
+    switch (code) {
+    case kCtlDataReceived:
+    case 15:
+        if (cb->message.data != nullptr && cb->message.datalen > 0 &&
+            cb->message.data[0] == kNotificationPacketType) {
+            MessageCallback(cb);
+        }
+        return 0;
+    case kCtlConfigString:
+        return AnswerConfigString(cb);
+    case kCtlConfigInt:
+        return AnswerConfigInt(cb);
+    case kCtlFileInfo:
+        FileInfoCallback(TextOrEmpty(cb->fileinfo.linkname), TextOrEmpty(cb->fileinfo.filename),
+                         TextOrEmpty(cb->fileinfo.subfolder), cb->fileinfo.filesize,
+                         cb->fileinfo.lastwritetime, TextOrEmpty(cb->fileinfo.serveraddress));
+        return 0;
+    default:
+        return 0;
+    }
+}
+
+void GetMessageParameters(const CTL_CALLBACK* cb, std::string& message_str,
+                          std::string& caption_str, std::string& timeout_str,
+                          std::string& flags_str, std::string& id_str) {
+    const unsigned char* data = cb->message.data;
+    const int length = data != nullptr && cb->message.datalen > 0 ? cb->message.datalen : 0;
+    int flags = 0;
+    int next = 0;
+    message_str = TextAt(data, length, kNotificationTextOffset, next);
+    const int last = length - 1;
+    // Only a packet ending in NUL carries the optional texts.
+    if (length > 0 && data[last] == '\0' && next < last) {
+        const std::string second = TextAt(data, length, next, next);
+        const size_t bar = second.find('|');
+        timeout_str = second.substr(0, bar);
+        caption_str = bar != std::string::npos ? second.substr(bar + 1) : std::string();
+        if (next < last) {
+            flags = FlagsValue(TextAt(data, length, next, next));
+        }
+    }
+    flags_str = std::to_string(flags);
+    id_str = std::to_string(cb->message.messageid);
+}
+
+bool WasDisplayed(int messageId) {
+    std::lock_guard<std::mutex> lock(gReceivedMessagesLock);
+    return gReceivedMessages.count(messageId) != 0;
+}
+
+void MessageCallback(const CTL_CALLBACK* cb) {
+    std::string message, caption, timeout, flags, idText;
+    GetMessageParameters(cb, message, caption, timeout, flags, idText);
+    const int id = int(strtol(idText.c_str(), nullptr, 10));
+
+    int windowOrder;
+    {
+        std::lock_guard<std::mutex> lock(gReceivedMessagesLock);
+        if (!gReceivedMessages.insert(id).second) {
+            return; // shown before: neither displayed nor reported again
+        }
+        windowOrder = current_window_num;
+        current_window_num = (current_window_num + 1) % kWindowOrderCount;
+    }
+
+    std::vector<std::string> entries = {
+        "MESSAGE=" + message,
+        "CAPTION=" + caption,
+        "TIMEOUT=" + timeout,
+        "FLAGS=" + flags,
+        "MESSAGE_ID=" + idText,
+        "WINDOW_ORDER=" + std::to_string(windowOrder),
+        std::string("FULLSCREEN=") + (fullscreen != 0 ? "1" : "0"),
+        "FULLSCREEN_TIMEOUT=" + fullscreentimeout,
+        "LARGE_LOGO_PATH=" + largelogopath,
+    };
+    std::vector<char*> environment;
+    for (std::string& entry : entries) {
+        environment.push_back(&entry[0]);
+    }
+    environment.push_back(nullptr);
+
+    std::string directory;
+    vel::install_path(directory);
+    directory += kDisplaySubdirectory;
+    ReapDisplayChildren();
+    const int child = vel::ForkGuiProcess(directory.c_str(), kDisplayProgram, environment.data());
+    if (child > 0) {
+        gDisplayChildren.push_back(child);
+    }
+
+    std::string user;
+    vel::GetMachineUserName(user);
+    tagCTL_MESSAGERECEIVEDINFO received = {0, id, 0, user.c_str()};
+    if (vel::CHTCTL* ctl = transport.load()) {
+        ctl->MessageReceived(&received);
+    }
+}

@@ -1,0 +1,38 @@
+// The transport's callback into the application and the display of received
+// notifications. Everything here runs on the transport's read thread, except
+// that the acknowledgement thread also reads gReceivedMessages: both take
+// gReceivedMessagesLock, which guards gReceivedMessages and current_window_num.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "transport/ICTL.h"
+
+constexpr unsigned char kNotificationPacketType = 12;
+constexpr int kNotificationTextOffset = 18;
+constexpr int kWindowOrderCount = 10;
+constexpr const char* kDisplayProgram = "notifymessage";
+constexpr const char* kDisplaySubdirectory = "gui/message";
+
+extern std::mutex gReceivedMessagesLock;
+
+// Codes 1 and 15: a notification packet (type 12) is displayed; 7 and 8:
+// settings from the preferences store; 16: file information. Anything else,
+// or a code outside 0..16, is answered with 0.
+int ClientCallback(int code, void* cbdata, CTL_CALLBACK* cb);
+
+// Displays a notification once (a repeated id is dropped), then reports its
+// reception with the desktop user's name.
+void MessageCallback(const CTL_CALLBACK* cb);
+
+// Splits the packet's texts: the message, "timeout|caption" and the flags.
+// Never reads outside the datalen bytes of the packet. The caption and the
+// time-out are left as they are when the packet has no second text; a second
+// text without "|" is all time-out.
+void GetMessageParameters(const CTL_CALLBACK* cb, std::string& message_str,
+                          std::string& caption_str, std::string& timeout_str,
+                          std::string& flags_str, std::string& id_str);
+
+// True when the id was displayed by this daemon (thread-safe).
+bool WasDisplayed(int messageId);

@@ -1,0 +1,89 @@
+#include "app/WorkerThreads.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "app/AppTimings.h"
+#include "app/Notification.h"
+#include "app/TransportStartup.h"
+#include "app/corvanenotify.h"
+#include "host/SocketPair.h"
+
+namespace {
+
+constexpr int kSecondsPerMinute = 60;
+// A broken descriptor would otherwise make the reader spin.
+constexpr long long kReadErrorPauseSeconds = 1;
+
+void SpawnDetached(void* (*body)(void*)) {
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, body, nullptr) == 0) {
+        pthread_detach(thread);
+    }
+}
+
+} // namespace
+
+void SpawnAcknowledgeThread() {
+    SpawnDetached(&AcknowledgeMain);
+}
+
+void SpawnTimerThread() {
+    SpawnDetached(&TimerMain);
+}
+
+bool HandleAcknowledgement(char* record, size_t length) {
+    if (length < size_t(kMinAcknowledgementSize)) {
+        return false;
+    }
+    // The name ends within the bytes read, whatever the writer sent.
+    record[length] = '\0';
+    NotificationAcknowledgement head;
+    memcpy(&head, record, sizeof head);
+    if (!WasDisplayed(head.message_id) || head.user_flags == 0) {
+        return false;
+    }
+    tagCTL_MESSAGEACKNOWLEDGEDINFO info = {0, head.message_id, head.user_flags,
+                                           record + kUserNameOffset};
+    vel::CHTCTL* ctl = transport.load();
+    if (ctl == nullptr) {
+        return false;
+    }
+    ctl->MessageAcknowledged(&info);
+    return true;
+}
+
+void* AcknowledgeMain(void*) {
+    std::vector<char> buffer(kAcknowledgementBufferSize + 1);
+    for (;;) {
+        const ssize_t got =
+            read(vel::kAcknowledgeClientPort, buffer.data(), size_t(kAcknowledgementBufferSize));
+        if (got > 0) {
+            HandleAcknowledgement(buffer.data(), size_t(got));
+        } else if (got == 0 || errno != EINTR) {
+            SleepSeconds(kReadErrorPauseSeconds);
+        }
+    }
+    return nullptr;
+}
+
+void RequestCustomisationInfo() {
+    if (vel::CHTCTL* ctl = transport.load()) {
+        tagCTL_GETFILEINFO info = {kFileInfoRequestSize, kCustomisationLink};
+        ctl->GetFileInfo(nullptr, &info);
+    }
+}
+
+void* TimerMain(void*) {
+    for (;;) {
+        RequestCustomisationInfo();
+        // At least a minute: an interval of 0 or less would flood the gateway.
+        const long long minutes = gTimerSleepMinutes > 0 ? gTimerSleepMinutes : 1;
+        gAppTimings.m_timerWait.load()(minutes * kSecondsPerMinute);
+    }
+    return nullptr;
+}

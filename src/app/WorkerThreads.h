@@ -1,0 +1,33 @@
+// The two worker threads started at start-up and never stopped: the
+// acknowledgement reader (descriptor 61 to MESSAGEACK) and the customisation
+// timer (GETFILEINFO every gTimerSleepMinutes). Each reads the atomic
+// `transport`; the reader checks ids under gReceivedMessagesLock.
+#pragma once
+
+#include <stddef.h>
+
+constexpr int kAcknowledgementBufferSize = 4096;
+constexpr int kMinAcknowledgementSize = 16;
+constexpr int kUserNameOffset = 12;
+constexpr const char* kCustomisationLink = "notify-customization.lnk";
+constexpr unsigned kFileInfoRequestSize = 8; // the request record's size as the protocol states it
+
+// What a display program writes back, one record per write, in host order;
+// the user name follows at offset 12, NUL-terminated.
+struct NotificationAcknowledgement {
+    int message_id;
+    int user_flags; // 0: not acknowledged
+    unsigned user_name_length;
+};
+
+void SpawnAcknowledgeThread();
+void SpawnTimerThread();
+void* AcknowledgeMain(void*);
+void* TimerMain(void*);
+
+// One record as read (`length` bytes, with room for one more): passed to the
+// transport as MESSAGEACK when it is long enough, names a displayed
+// notification and carries non-zero flags. True when it was passed on.
+bool HandleAcknowledgement(char* record, size_t length);
+// One round of the timer: asks for the customisation file's information.
+void RequestCustomisationInfo();

@@ -1,0 +1,130 @@
+// The transport's creation: the record, and the back-off between attempts,
+// driven through the timing seams against a port that refuses and then
+// accepts.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/AppTimings.h"
+#include "app/Notification.h"
+#include "app/TransportStartup.h"
+#include "config/Preferences.h"
+#include "transport/TransportTimings.h"
+
+namespace {
+
+TEST(TransportStartup, RetryDelaysDoubleUpToEightHours) {
+    std::vector<int> delays{kFirstRetryDelaySeconds};
+    while (delays.size() < 13) {
+        delays.push_back(NextRetryDelay(delays.back()));
+    }
+    EXPECT_EQ(delays, (std::vector<int>{60, 120, 240, 480, 960, 1920, 3840, 7680, 15360, 28800,
+                                        28800, 28800, 28800}));
+}
+
+TEST(TransportStartup, CreationRecord) {
+    const struct {
+        std::string systemName;
+        std::string field; // all 16 bytes
+    } cases[] = {
+        {"ws-42", std::string("ws-42") + std::string(11, '\0')},
+        {"exactly-16-chars", "exactly-16-chars"},
+        {"a-name-of-twenty-chs", "a-name-of-twenty"},
+        {"", std::string(16, '\0')},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.systemName);
+        tagCTLCREATEPARAMS params;
+        memset(&params, 0xAB, sizeof params);
+        FillCreateParams(params, c.systemName);
+        EXPECT_EQ(params.cbSize, 64u);
+        EXPECT_EQ(std::string(params.name, sizeof params.name), c.field);
+        EXPECT_EQ(params.ctltype, -1);
+        EXPECT_EQ(params.slavetype, 256);
+        EXPECT_EQ(std::string(params.serial, sizeof params.serial), std::string(11, '\0'));
+        EXPECT_EQ(params.sessions, 10);
+        EXPECT_EQ(params.callback, &ClientCallback);
+        EXPECT_EQ(params.cbdata, nullptr);
+        EXPECT_EQ(params.iflags, 0u);
+        EXPECT_EQ(params.oflags, 0u);
+        EXPECT_EQ(params.last_op, 0);
+    }
+}
+
+// The recording wait: after kFailures waits the gateway starts listening.
+constexpr size_t kFailures = 12;
+std::vector<long long> gWaits;
+int gListener = -1;
+int gPort = 0;
+
+int Listen(int port) {
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    const int on = 1;
+    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(uint16_t(port));
+    if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(s, 4) != 0) {
+        close(s);
+        return -1;
+    }
+    return s;
+}
+
+void RecordWait(long long seconds) {
+    gWaits.push_back(seconds);
+    if (gWaits.size() == kFailures) {
+        gListener = Listen(gPort);
+    }
+}
+
+TEST(TransportStartup, RetriesWithTheBackOffUntilTheGatewayAnswers) {
+    // A free port, closed again, so that connecting is refused at once.
+    gListener = Listen(0);
+    ASSERT_NE(gListener, -1);
+    sockaddr_in bound = {};
+    socklen_t length = sizeof bound;
+    getsockname(gListener, reinterpret_cast<sockaddr*>(&bound), &length);
+    gPort = ntohs(bound.sin_port);
+    close(gListener);
+    gListener = -1;
+
+    vel::Preferences* prefs = vel::Preferences::getInstance();
+    prefs->setConfigString("HTTP", "GatewayAddress", "127.0.0.1:" + std::to_string(gPort));
+    prefs->setConfigString("HTTP", "GSK", "");
+    const int connectSleep = vel::gTransportTimings.m_connectRetrySleepMs;
+    vel::gTransportTimings.m_connectRetrySleepMs = 0;
+    gAppTimings.m_retryWait = &RecordWait;
+    gWaits.clear();
+
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(StartTransport());
+    const std::string logged = testing::internal::GetCapturedStderr();
+
+    EXPECT_NE(transport.load(), nullptr);
+    EXPECT_EQ(gWaits, (std::vector<long long>{60, 120, 240, 480, 960, 1920, 3840, 7680, 15360,
+                                              28800, 28800, 28800}));
+    size_t retries = 0;
+    for (size_t at = 0;
+         (at = logged.find("Couldn't connect. Trying again.\n", at)) != std::string::npos; ++at) {
+        ++retries;
+    }
+    EXPECT_EQ(retries, kFailures);
+
+    StopTransport();
+    EXPECT_EQ(transport.load(), nullptr);
+    StopTransport(); // nothing left to stop
+    close(gListener);
+    gAppTimings.m_retryWait = &SleepSeconds;
+    vel::gTransportTimings.m_connectRetrySleepMs = connectSleep;
+    prefs->preferences.clear();
+}
+
+} // namespace

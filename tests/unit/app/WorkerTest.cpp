@@ -1,0 +1,144 @@
+// The acknowledgement reader's record handling, the timer's request and the
+// checks in front of the customisation download, against a transport whose
+// link is a local socket pair.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "TransportFixtures.h"
+#include "app/Customisation.h"
+#include "app/Notification.h"
+#include "app/TransportStartup.h"
+#include "app/WorkerThreads.h"
+#include "app/corvanenotify.h"
+
+namespace {
+
+using transport_test::PairedLink;
+using transport_test::RequestHeader;
+
+const char kHost[] = "gw.example:443";
+
+struct Workers : ::testing::Test {
+    vel::CHTCTL ctl{443};
+    PairedLink paired{&ctl, kHost};
+
+    void SetUp() override {
+        ctl.m_connections.push_back(&paired.link);
+        transport = &ctl;
+        std::lock_guard<std::mutex> lock(gReceivedMessagesLock);
+        gReceivedMessages = {7, -2};
+    }
+    void TearDown() override {
+        transport = nullptr;
+        ctl.m_connections.clear();
+        std::lock_guard<std::mutex> lock(gReceivedMessagesLock);
+        gReceivedMessages.clear();
+    }
+};
+
+// A record as a display program writes it, in a buffer with the reader's
+// spare byte after it.
+std::vector<char> Record(int id, int flags, const std::string& name, size_t cut = 0) {
+    NotificationAcknowledgement head = {id, flags, unsigned(name.size())};
+    std::string text(reinterpret_cast<const char*>(&head), sizeof head);
+    text += name;
+    text += '\0';
+    std::vector<char> bytes(text.begin(), text.end());
+    if (cut != 0) {
+        bytes.resize(cut);
+    }
+    return bytes;
+}
+
+TEST_F(Workers, AcknowledgementsOfDisplayedNotificationsAreReported) {
+    const struct {
+        const char* name;
+        std::vector<char> record;
+        std::string body; // empty: nothing is sent
+    } cases[] = {
+        {"whole record", Record(7, 5, "alice"), "CMD=MESSAGEACK\nID=7\nUF=5\nUN=alice\n"},
+        {"negative values", Record(-2, -1, "bob"), "CMD=MESSAGEACK\nID=-2\nUF=-1\nUN=bob\n"},
+        {"empty name, record padded to 16", Record(7, 1, std::string(3, '\0')),
+         "CMD=MESSAGEACK\nID=7\nUF=1\n"},
+        {"name without its NUL ends at the bytes read", Record(7, 2, "carol", 15 + 1),
+         "CMD=MESSAGEACK\nID=7\nUF=2\nUN=caro\n"},
+        {"15 bytes are ignored", Record(7, 2, "abc", 15), ""},
+        {"id never displayed", Record(8, 2, "alice"), ""},
+        {"flags 0 is no acknowledgement", Record(7, 0, "alice"), ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<char> buffer = c.record;
+        const size_t length = buffer.size();
+        buffer.push_back('x'); // the reader's spare byte
+        EXPECT_EQ(HandleAcknowledgement(buffer.data(), length), !c.body.empty());
+        EXPECT_EQ(paired.Drain(),
+                  c.body.empty() ? "" : RequestHeader(kHost, c.body.size()) + c.body);
+    }
+    // The id stays known: a later record for it is passed on again.
+    std::vector<char> again = Record(7, 3, "alice");
+    again.push_back('\0');
+    EXPECT_TRUE(HandleAcknowledgement(again.data(), again.size() - 1));
+    transport = nullptr;
+    EXPECT_FALSE(HandleAcknowledgement(again.data(), again.size() - 1)) << "no transport";
+}
+
+TEST_F(Workers, TimerAsksForTheCustomisationLink) {
+    RequestCustomisationInfo();
+    const std::string body = "CMD=GETFILEINFO\nLINK=notify-customization.lnk\n";
+    EXPECT_EQ(paired.Drain(), RequestHeader(kHost, body.size()) + body);
+    transport = nullptr;
+    RequestCustomisationInfo();
+    EXPECT_EQ(paired.Drain(), "");
+}
+
+TEST(Customisation, OnlyPlainNamesAndAddressesReachTheShell) {
+    for (const char* good : {"sxa-custom.dat", "custom.dat", "A_b-1.x", ".hidden"}) {
+        EXPECT_TRUE(IsPlainFileName(good)) << good;
+    }
+    for (const char* bad :
+         {"", ".", "..", "../etc/passwd", "a/b", "-rf", "a b", "a;reboot", "$(id)", "`id`", "a|b",
+          "a&b", "a>b", "a\nb", "it's", "\"q\"", "a*", "~root"}) {
+        EXPECT_FALSE(IsPlainFileName(bad)) << bad;
+    }
+    EXPECT_FALSE(IsPlainFileName(std::string(256, 'a')));
+    for (const char* good : {"127.0.0.1:8080", "gateway.example.org", "gw-1:443", "10.0.0.5"}) {
+        EXPECT_TRUE(IsSafeServerAddress(good)) << good;
+    }
+    for (const char* bad : {"", "-q", "a b", "h;id", "h/x", "$(id)", "h`id`", "h|x", "h&x",
+                            "user@host", "h\tx", "[::1]:80"}) {
+        EXPECT_FALSE(IsSafeServerAddress(bad)) << bad;
+    }
+}
+
+TEST(Customisation, RepliesThatStartNoDownload) {
+    // Each of these returns before anything touches the cache directory.
+    gLastWriteTime = 500;
+    const struct {
+        const char* name;
+        const char* link;
+        const char* file;
+        uint64_t lastWrite;
+        const char* server;
+    } cases[] = {
+        {"another link", "other.lnk", "sxa-custom.dat", 900, "127.0.0.1:80"},
+        {"same time", "notify-customization.lnk", "sxa-custom.dat", 500, "127.0.0.1:80"},
+        {"older", "NOTIFY-CUSTOMIZATION.LNK", "sxa-custom.dat", 499, "127.0.0.1:80"},
+        {"file name with a path", "notify-customization.lnk", "../x", 900, "127.0.0.1:80"},
+        {"file name with a command", "notify-customization.lnk", "a;touch /tmp/nd-pwned", 900,
+         "127.0.0.1:80"},
+        {"server with a command", "notify-customization.lnk", "sxa-custom.dat", 900,
+         "127.0.0.1:80;touch /tmp/nd-pwned"},
+        {"no server", "notify-customization.lnk", "sxa-custom.dat", 900, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        FileInfoCallback(c.link, c.file, "", 0, c.lastWrite, c.server);
+        EXPECT_EQ(gLastWriteTime, 500u);
+    }
+    gLastWriteTime = 0;
+}
+
+} // namespace
