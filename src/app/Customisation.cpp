@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "app/WorkerThreads.h"
 #include "app/corvanenotify.h"
@@ -69,10 +70,19 @@ void FileInfoCallback(const char* linkname, const char* filename, const char*, u
 }
 
 bool GetUrlToFile(const char* url, const char* file) {
+    // wget -O leaves an empty file behind when the server cannot be reached
+    // or answers with an error; moving that over custom.dat would lose the
+    // file we have. Only a non-empty file made by this download is installed.
+    unlink(file);
     const std::string command = std::string("wget -q -O ") + file + " " + url;
     std::string output;
     vel::PipeSubprocess(command, output);
-    MoveFile();
+    struct stat downloaded;
+    if (stat(file, &downloaded) == 0 && downloaded.st_size > 0) {
+        MoveFile();
+    } else {
+        unlink(file);
+    }
     return true;
 }
 

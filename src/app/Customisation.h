@@ -21,8 +21,9 @@ constexpr const char* kMoveCommand =
 void FileInfoCallback(const char* linkname, const char* filename, const char* subfolder,
                       uint64_t filesize, uint64_t lastwritetime, const char* serveraddress);
 
-// "wget -q -O <file> <url>", then MoveFile. Always true: the outcome of the
-// download is not examined.
+// "wget -q -O <file> <url>", then MoveFile when the download left a
+// non-empty file (a failed one leaves custom.dat as it was). Always true: the
+// reply's time counts as fetched either way.
 bool GetUrlToFile(const char* url, const char* file);
 
 // Moves sxa-custom.dat over custom.dat and makes it 0644.
