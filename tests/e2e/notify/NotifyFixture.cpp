@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utmp.h>
 
 #include <algorithm>
 #include <fstream>
@@ -51,19 +50,12 @@ pid_t Spawn(const std::string& path, const std::vector<std::string>& args) {
     return pid;
 }
 
-void WriteLoginRecord() {
-    struct utmp record;
-    memset(&record, 0, sizeof record);
-    record.ut_type = USER_PROCESS;
-    record.ut_pid = getpid();
-    strncpy(record.ut_line, ":0", sizeof record.ut_line);
-    strncpy(record.ut_id, ":0", sizeof record.ut_id);
-    strncpy(record.ut_user, kDesktopUser, sizeof record.ut_user);
-    record.ut_tv.tv_sec = int32_t(time(nullptr));
-    utmpname(_PATH_UTMP);
-    setutent();
-    pututline(&record);
-    endutent();
+// Through the stub, as a desktop log-in would leave it.
+bool WriteLoginRecord() {
+    const pid_t pid = Spawn(kStub, {kStub, "--login", kDesktopUser});
+    int status = 0;
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
 }
 
 void RemoveFilesIn(const std::string& dir) {
@@ -205,7 +197,7 @@ void NotifyTest::SetUpTestSuite() {
     mkdir("/run/nd-notify/xauth", 0755);
     mkdir(kRecordDir, 0777);
     CopyExecutable(kStub, kDisplayPath);
-    WriteLoginRecord();
+    ASSERT_TRUE(WriteLoginRecord());
     s_xServer = Spawn(kStub, {"/usr/bin/X", ":0", "-auth", kAuthorityPath, "-nolisten", "tcp"});
     ASSERT_GT(s_xServer, 0);
     // Until it has exec'd, ps would show the test's own command line.

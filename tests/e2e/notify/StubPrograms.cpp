@@ -1,6 +1,8 @@
 // Stand-ins for the programs around the daemon in the end-to-end tests and
 // the demo; single-threaded. Started as ".../X" or ".../Xorg" it is an X
-// server: it waits to be killed (ten minutes at most). Otherwise it is the
+// server: it waits to be killed (ten minutes at most). With the arguments
+// "--login USER" it adds a login record for USER on the console display ":0"
+// (a desktop log-in) and exits. Otherwise it is the
 // display program: it writes its arguments and environment to
 // ND_RECORD_DIR/display-<MESSAGE_ID>-<pid>.txt (default /run/nd-notify/records)
 // and, when ND_RECORD_DIR/../answer holds "<flags> <user>", writes an
@@ -8,7 +10,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include <fstream>
 #include <sstream>
@@ -51,6 +55,22 @@ void Acknowledge(int messageId, int flags, const std::string& user) {
     }
 }
 
+int AddLoginRecord(const char* user) {
+    struct utmp record;
+    memset(&record, 0, sizeof record);
+    record.ut_type = USER_PROCESS;
+    record.ut_pid = getpid();
+    strncpy(record.ut_line, ":0", sizeof record.ut_line);
+    strncpy(record.ut_id, ":0", sizeof record.ut_id);
+    strncpy(record.ut_user, user, sizeof record.ut_user);
+    record.ut_tv.tv_sec = int32_t(time(nullptr));
+    utmpname(_PATH_UTMP);
+    setutent();
+    const bool written = pututline(&record) != nullptr;
+    endutent();
+    return written ? 0 : 1;
+}
+
 int RunDisplay(int argc, char** argv) {
     const char* dir = getenv("ND_RECORD_DIR");
     const std::string records = dir != nullptr ? dir : "/run/nd-notify/records";
@@ -83,6 +103,9 @@ int main(int argc, char** argv) {
     const std::string self = BaseName(argv[0]);
     if (self == "X" || self == "Xorg") {
         return RunServer();
+    }
+    if (argc == 3 && strcmp(argv[1], "--login") == 0) {
+        return AddLoginRecord(argv[2]);
     }
     return RunDisplay(argc, argv);
 }
