@@ -20,7 +20,9 @@ extern std::atomic<vel::CHTCTL*> transport;
 // waiting 60 s, then twice as long each time, at most 28800 s, and logging
 // "Couldn't connect. Trying again." after each wait. Always true.
 bool StartTransport();
-// Destroys the transport, if any, and forgets it.
+// Forgets the transport, then destroys it. A worker thread that loaded the
+// pointer just before may still be inside a call on it: nothing in the run
+// sequence calls this, and a caller must first stop the workers' use.
 void StopTransport();
 
 // The wait that follows `delaySeconds`: doubled, at most 28800 s.
