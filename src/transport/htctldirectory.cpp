@@ -168,11 +168,15 @@ int CHTCTL::FindSlaves(const char* match, int flags, int) {
     const int n = ParseDecimal(target.substr(0, slash).c_str());
     const std::string name = target.substr(slash + 1);
 
+    // Each connect is one use of a link (two gateway entries may share one),
+    // and each use is given back at the end.
+    std::vector<CTL_HTTP_CONNECTION*> used;
     auto browse = [&](const GatewaySettings& g) {
         CTL_HTTP_CONNECTION* link = ConnectGateway(*this, g, g.m_key.c_str());
         if (link == nullptr) {
             return;
         }
+        used.push_back(link);
         {
             CLockUnlessHeld list(m_lock);
             link->m_browse_pending = true;
@@ -220,12 +224,10 @@ int CHTCTL::FindSlaves(const char* match, int flags, int) {
         SleepMs(kReplyPollMs);
     }
     CLockUnlessHeld list(m_lock);
-    for (CTL_HTTP_CONNECTION* link : m_connections) {
-        if (link->m_browsing) {
-            link->m_browsing = false;
-            link->m_browse_pending = false;
-            CloseGatewayConnection(link);
-        }
+    for (CTL_HTTP_CONNECTION* link : used) {
+        link->m_browsing = false;
+        link->m_browse_pending = false;
+        CloseGatewayConnection(link);
     }
     return 0;
 }
