@@ -39,12 +39,12 @@ public:
     int SendTo(const char* name, const void* data, int len) override;
     int Hangup(int session) override;
     int MaxPacketSize() override { return 896; }
-    // name is "n\\callee" (with the "CallByName" setting, a gateway name
+    // name is "n\callee" (with the "CallByName" setting, a gateway name
     // instead of n). Returns the gateway's RESULT (0: the reserved session is
     // established on the link), -1 without an answer, 255 for a bad target;
     // flags and the buffers are not used.
     int Call(const char* name, int flags, char* buf1, char* buf2) override;
-    // match is "n\\name" (n 0: every gateway); results come through callback
+    // match is "n\name" (n 0: every gateway); results come through callback
     // code 1. Each request's CONTEXT is its gateway's name; `context` is not
     // used.
     int FindSlaves(const char* match, int flags, int context) override;

@@ -68,6 +68,22 @@ std::string WireGsk(const std::string& key) {
     return wire;
 }
 
+// Splits a target "n\name" (at most 127 characters are looked at) at its
+// first backslash; false without one.
+bool SplitTarget(const char* target, std::string& gateway, std::string& name) {
+    if (target == nullptr) {
+        return false;
+    }
+    const std::string text(target, strnlen(target, kTargetChars));
+    const size_t slash = text.find('\\');
+    if (slash == std::string::npos) {
+        return false;
+    }
+    gateway = text.substr(0, slash);
+    name = text.substr(slash + 1);
+    return true;
+}
+
 // One numbered gateway of the settings.
 struct GatewaySettings {
     std::string m_address; // empty: no such gateway
@@ -89,16 +105,23 @@ std::string ClearKey(const std::string& stored) {
     return key;
 }
 
-// As the browse and add-domain operations read them: the proxy flag is an
-// integer setting.
-GatewaySettings ReadGateway(CHTCTL& ctl, int n) {
+// Browse and add-domain read the proxy flag as an integer setting, Call as
+// text through the gateway parameters.
+enum class ProxyFlag { kInteger, kText };
+
+GatewaySettings ReadGateway(CHTCTL& ctl, int n, ProxyFlag flag = ProxyFlag::kInteger) {
     GatewaySettings g;
-    g.m_address = Param(ctl, "Gateway", n, kSettingLength);
+    g.m_address = n >= 1 ? Param(ctl, "Gateway", n, kSettingLength) : "";
     if (g.m_address.empty()) {
         return g;
     }
-    const std::string flagKey = "Gateway_UseWebProxy_" + std::to_string(n);
-    g.m_useProxy = ctl.ctl_configint("HTTP", flagKey.c_str(), 0) != 0;
+    if (flag == ProxyFlag::kInteger) {
+        const std::string flagKey = "Gateway_UseWebProxy_" + std::to_string(n);
+        g.m_useProxy = ctl.ctl_configint("HTTP", flagKey.c_str(), 0) != 0;
+    } else {
+        g.m_useProxy =
+            ParseDecimal(Param(ctl, "Gateway_UseWebProxy", n, kSettingLength).c_str()) != 0;
+    }
     g.m_proxy = Param(ctl, "Gateway_WebProxy", n, kSettingLength);
     g.m_key = ClearKey(Param(ctl, "Gateway_Gsk", n, kStoredKeyLength));
     g.m_name = Param(ctl, "Gateway_Name", n, kStoredKeyLength);
@@ -157,16 +180,12 @@ std::vector<unsigned char> BrowseBlock(const BrowsedClient& c) {
 } // namespace
 
 int CHTCTL::FindSlaves(const char* match, int flags, int) {
-    if (match == nullptr) {
+    std::string gateway;
+    std::string name;
+    if (!SplitTarget(match, gateway, name)) {
         return 0;
     }
-    const std::string target(match, strnlen(match, kTargetChars));
-    const size_t slash = target.find('\\');
-    if (slash == std::string::npos) {
-        return 0;
-    }
-    const int n = ParseDecimal(target.substr(0, slash).c_str());
-    const std::string name = target.substr(slash + 1);
+    const int n = ParseDecimal(gateway.c_str());
 
     // Each connect is one use of a link (two gateway entries may share one),
     // and each use is given back at the end.
@@ -291,29 +310,19 @@ void CHTCTL::OnBrowseReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
 }
 
 int CHTCTL::Call(const char* name, int, char*, char*) {
-    if (name == nullptr) {
-        return kBadTarget;
-    }
-    const std::string target(name, strnlen(name, kTargetChars));
-    const size_t slash = target.find('\\');
-    if (slash == std::string::npos) {
+    std::string gatewayPart;
+    std::string callee;
+    if (!SplitTarget(name, gatewayPart, callee)) {
         return kBadTarget;
     }
     // With "CallByName" the part before the backslash names the gateway.
-    const std::string gatewayPart = target.substr(0, slash);
-    const std::string callee = target.substr(slash + 1);
     const int n = ctl_configint("HTTP", "CallByName", 0) != 0
                       ? GetGatewayIndexFromName(gatewayPart.c_str())
                       : ParseDecimal(gatewayPart.c_str());
-    GatewaySettings g;
-    g.m_address = n >= 1 ? Param(*this, "Gateway", n, kSettingLength) : "";
+    const GatewaySettings g = ReadGateway(*this, n, ProxyFlag::kText);
     if (g.m_address.empty()) {
         return kBadTarget;
     }
-    g.m_useProxy =
-        ParseDecimal(Param(*this, "Gateway_UseWebProxy", n, kSettingLength).c_str()) != 0;
-    g.m_proxy = Param(*this, "Gateway_WebProxy", n, kSettingLength);
-    g.m_key = ClearKey(Param(*this, "Gateway_Gsk", n, kStoredKeyLength));
 
     const int session = ReserveSession();
     if (session == 0) {
