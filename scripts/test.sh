@@ -2,7 +2,9 @@
 # The whole test suite: installs missing build packages, builds with warnings
 # as errors and runs every test (unit, integration and the end-to-end tests in
 # namespaces, which need root), then builds the tests again under
-# AddressSanitizer + UndefinedBehaviorSanitizer and runs the unit tests.
+# AddressSanitizer + UndefinedBehaviorSanitizer and runs the unit tests, builds
+# the integration and end-to-end tests (and the daemon they start) under
+# ThreadSanitizer and runs them, and runs every fuzz target for a few seconds.
 # Exits non-zero on any failure.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -33,3 +35,28 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
 
 echo "== all tests"
 ctest --test-dir build/ci --output-on-failure -j "$jobs" --timeout 600
+
+echo "== ThreadSanitizer build (integration and end-to-end tests, the daemon)"
+# Without -Werror: instrumentation makes GCC warn about code it accepts
+# otherwise; the warning-free build above is the one that holds that line.
+cmake -S . -B build/ci-tsan -DNOTIFY_TSAN=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+make -C build/ci-tsan/tests/integration -j "$jobs" >/dev/null
+make -C build/ci-tsan/tests/e2e -j "$jobs" >/dev/null
+
+echo "== ThreadSanitizer tests (integration, e2e)"
+# The daemon's standard error is /dev/null once it has detached, so every
+# instrumented process writes its reports to files, which must not appear.
+tsan_reports=$root/build/ci-tsan/reports
+rm -rf "$tsan_reports"
+mkdir -p "$tsan_reports"
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 log_path=$tsan_reports/tsan" \
+    ctest --test-dir build/ci-tsan -L 'integration|e2e' --output-on-failure -j "$jobs" \
+    --timeout 600
+if [ -n "$(ls -A "$tsan_reports")" ]; then
+    cat "$tsan_reports"/* >&2
+    echo "ThreadSanitizer reported the above" >&2
+    exit 1
+fi
+
+echo "== fuzz targets (10 s each)"
+scripts/fuzz.sh 10
