@@ -7,6 +7,7 @@ packages=(
     build-essential cmake g++ clang clang-format
     libgtest-dev libgmock-dev libbenchmark-dev
     iproute2 procps util-linux wget
+    libx11-dev libxft-dev fonts-dejavu-core xvfb xdotool
 )
 
 missing=()
