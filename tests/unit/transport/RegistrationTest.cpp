@@ -12,25 +12,9 @@ namespace {
 
 using transport_test::FakeSettings;
 using transport_test::PairedLink;
-using transport_test::RequestHeader;
+using transport_test::Post;
 using vel::CHTCTL;
 using vel::CTL_HTTP_CONNECTION;
-
-std::string HostName() {
-    char host[128] = {};
-    gethostname(host, sizeof host - 1);
-    return host;
-}
-
-std::string Mac() {
-    std::string mac;
-    vel::GetMachineMacAddress(mac, -1);
-    return mac;
-}
-
-std::string Contents(const tagHTTP_BUF& buf) {
-    return std::string(buf.data, size_t(buf.datalen));
-}
 
 struct Registration : ::testing::Test {
     CHTCTL ctl{443};
@@ -45,61 +29,53 @@ struct Registration : ::testing::Test {
     std::string Build() {
         tagHTTP_BUF request = {0, 0, 0, nullptr};
         ctl.BuildOpenRequest(link, request);
-        std::string text = Contents(request);
+        std::string text(request.data, size_t(request.datalen));
         FreeHttpBuf(&request);
         return text;
     }
     std::string Expected(const std::string& optional, const std::string& dept) {
-        const std::string body = "CMD=OPEN\n"
-                                 "CLIENT_VERSION=1.1\n"
-                                 "PROTOCOL_VER=1.1\n"
-                                 "MAXPACKET=928\n"
-                                 "CLIENT_NAME=WS-0042\n"
-                                 "CLIENT_ADDR=\n"
-                                 "HOSTNAME=" +
-                                 HostName() + "\nMACADDRESS=" + Mac() +
-                                 "\nGSK=t6sKKe8nHq7fFpFo0OrcQAAA\n" + optional +
-                                 "APPTYPE=256\nDEPT=" + dept + "\n";
-        return RequestHeader("gw.example:443", body.size()) + body;
+        char host[128] = {};
+        gethostname(host, sizeof host - 1);
+        std::string mac;
+        vel::GetMachineMacAddress(mac, -1);
+        return Post("gw.example:443",
+                    "CMD=OPEN\nCLIENT_VERSION=1.1\nPROTOCOL_VER=1.1\n"
+                    "MAXPACKET=928\nCLIENT_NAME=WS-0042\nCLIENT_ADDR=\nHOSTNAME=" +
+                        std::string(host) + "\nMACADDRESS=" + mac +
+                        "\nGSK=t6sKKe8nHq7fFpFo0OrcQAAA\n" + optional +
+                        "APPTYPE=256\nDEPT=" + dept + "\n");
     }
 };
 
 TEST_F(Registration, EveryLineInOrder) {
     settings.text[{"client247", "CHATID"}] = "chat7";
-    settings.text[{"client247", "A1"}] = "one";
-    settings.text[{"client247", "A2"}] = "two";
-    settings.text[{"client247", "A3"}] = "three";
-    settings.text[{"client247", "A4"}] = "four";
+    for (const char* key : {"A1", "A2", "A3", "A4"}) {
+        settings.text[{"client247", key}] = std::string("answer ") + key;
+    }
     settings.text[{"HTTP", "*Dept"}] = "Accounts";
-    EXPECT_EQ(Build(), Expected("CHATID=chat7\nA1=one\nA2=two\nA3=three\nA4=four\n", "Accounts"));
-}
+    EXPECT_EQ(Build(), Expected("CHATID=chat7\nA1=answer A1\nA2=answer A2\nA3=answer A3\n"
+                                "A4=answer A4\n",
+                                "Accounts"));
 
-TEST_F(Registration, AnswersChainStopsAtTheFirstEmpty) {
+    // The answers' chain stops at the first empty one: A3 is not even asked.
+    settings.text.clear();
+    settings.asked.clear();
     settings.text[{"client247", "A1"}] = "one";
     settings.text[{"client247", "A3"}] = "three";
     settings.text[{"client247", "A4"}] = "four";
     EXPECT_EQ(Build(), Expected("A1=one\n", ""));
     const std::vector<std::string> expected = {"client247/CHATID", "client247/A1", "client247/A2",
                                                "HTTP/*Dept"};
-    EXPECT_EQ(settings.asked, expected); // A3 is never asked for
-}
+    EXPECT_EQ(settings.asked, expected);
 
-TEST_F(Registration, WithoutCallbackEverySettingIsEmpty) {
-    ctl.m_callback = nullptr;
+    ctl.m_callback = nullptr; // without a callback every setting is empty
     EXPECT_EQ(Build(), Expected("", ""));
-}
-
-TEST_F(Registration, NegotiatedVersionIsAnnounced) {
-    link.m_protocol_ver = 0x00000002; // after a gateway said "2.0"
-    const std::string text = Build();
-    EXPECT_NE(text.find("\nPROTOCOL_VER=2.0\n"), std::string::npos);
 }
 
 TEST(RegistrationWrite, FailedWriteDisconnectsAndArmsTheCountdown) {
     CHTCTL ctl(443);
     PairedLink paired(&ctl);
-    close(paired.peer);
-    paired.peer = -1;
+    paired.ClosePeer();
     EXPECT_EQ(ctl.OnConnected(paired.link), -1);
     EXPECT_FALSE(paired.link.IsConnected());
     EXPECT_EQ(paired.link.m_connect_timer, 30);
@@ -128,10 +104,7 @@ TEST(OpenReply, FieldsAreStored) {
 }
 
 TEST(OpenReply, VersionNegotiationKeepsTheSmallerPackedValue) {
-    struct Case {
-        const char* reply;
-        DWORD version;
-    } cases[] = {
+    const std::pair<const char*, DWORD> cases[] = {
         {"", 0x00010001}, // no PROTOCOL_VER: "1.1"
         {"PROTOCOL_VER=1.1\n", 0x00010001},
         {"PROTOCOL_VER=1.2\n", 0x00010001}, // newer gateway: ours stays
@@ -140,12 +113,12 @@ TEST(OpenReply, VersionNegotiationKeepsTheSmallerPackedValue) {
         {"PROTOCOL_VER=0.5\n", 0x00010001}, // 0.5 packs as 1.5
         {"PROTOCOL_VER=1.0\n", 0x00000001},
     };
-    for (const Case& c : cases) {
+    for (const auto& [reply, version] : cases) {
         CHTCTL ctl(443);
         CTL_HTTP_CONNECTION link("gw:1", "k", &ctl, nullptr);
-        Body body(std::string("CMPI=1\n") + c.reply);
+        Body body(std::string("CMPI=1\n") + reply);
         ctl.OnOpenReply(body.m_buf, link);
-        EXPECT_EQ(link.m_protocol_ver, c.version) << c.reply;
+        EXPECT_EQ(link.m_protocol_ver, version) << reply;
     }
 }
 
@@ -169,7 +142,7 @@ TEST(KeepAliveCheck, PollsWhenDueOnly) {
     EXPECT_EQ(paired.Drain(), "");
     paired.link.m_next_poll_time = vel::NowMs() - 1;
     ctl.CheckConnection(paired.link);
-    EXPECT_EQ(paired.Drain(), RequestHeader("gw.example:443", 9) + "CMD=POLL\n");
+    EXPECT_EQ(paired.Drain(), Post("gw.example:443", "CMD=POLL\n"));
 }
 
 TEST(KeepAliveCheck, ReconnectsEveryThirtiethCheckOnlyWhenEnabled) {
