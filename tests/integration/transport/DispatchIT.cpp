@@ -28,20 +28,7 @@ TEST_F(DroppedLink, TwoResponsesInOneReadAreBothDispatched) {
     EXPECT_TRUE(Link().IsConnected());
 }
 
-TEST_F(DroppedLink, ResponseSplitOverSeveralWrites) {
-    const std::string message = devgw::WrapResponse("CMD=CONFIG_UPDATE\nCMPI=4\n");
-    for (size_t i = 0; i < message.size(); i += 7) {
-        ASSERT_TRUE(gateway->SendRaw(message.substr(i, 7)));
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    EXPECT_TRUE(WaitUntil([&] { return Period() == 4000; }));
-}
-
-TEST_F(DroppedLink, GatewayClosingTheLinkIsNoticed) {
-    gateway->Stop(); // an orderly close, not a reset
-    EXPECT_TRUE(WaitUntil([&] { return !Link().IsConnected(); }));
-}
-
+// Messages larger than one read are gathered across reads.
 TEST_F(DroppedLink, LargeMessagesArriveWhole) {
     for (size_t size : {10u * 1024, 200u * 1024}) {
         std::string body = "CMD=CONFIG_UPDATE\n";
@@ -54,6 +41,11 @@ TEST_F(DroppedLink, LargeMessagesArriveWhole) {
         EXPECT_TRUE(WaitUntil([&] { return Period() == cmpi * 1000ul; })) << size;
     }
     EXPECT_TRUE(Link().IsConnected());
+}
+
+TEST_F(DroppedLink, GatewayClosingTheLinkIsNoticed) {
+    gateway->Stop(); // an orderly close, not a reset
+    EXPECT_TRUE(WaitUntil([&] { return !Link().IsConnected(); }));
 }
 
 TEST_F(DroppedLink, HeaderThatNeverEndsIsBounded) {
@@ -79,8 +71,9 @@ TEST_F(DroppedLink, LyingLengthSwallowsTheNextMessageAndDropsOnTheRest) {
 }
 
 // With reconnection enabled a dropped link comes back and registers again,
-// whatever broke it.
-TEST_F(GatewayTest, ReconnectsAfterEveryKindOfBadInput) {
+// whether the dispatcher or the pending check rejected the input (the kinds
+// of bad input are the dispatch unit tests').
+TEST_F(GatewayTest, ReconnectsAfterBadInput) {
     StartGateway();
     ASSERT_EQ(Create(-1), 0);
     ASSERT_TRUE(gateway->WaitForRequest("OPEN", 5000));
@@ -88,11 +81,6 @@ TEST_F(GatewayTest, ReconnectsAfterEveryKindOfBadInput) {
         "HTTP/1.1 404 Not Found\r\nContent-length: 8\r\n\r\nCMD=ACK\n",
         "HTTP/1.1 200 OK\r\nServer: dev\r\n\r\nCMD=ACK\n", // no Content-length
         std::string("\x01\xff garbage\0\0 no start line\n\n more", 33),
-        "HTTP/1.1 500 Oops\r\nContent-length: 8\r\n\r\nCMD=ACK\n",
-        "HTTP/1.1\r\nContent-length: 8\r\n\r\nCMD=ACK\n",
-        "HTTP/1.1 200 OK\r\nContent-length: 0\r\n\r\n",
-        std::string("\0\0\0\0\0\0\0\0\n\n", 10),
-        "NC_DATA\r\nContent-length: 3\r\n\r\nA=1",
     };
     int opens = 1;
     for (const std::string& bytes : bad) {

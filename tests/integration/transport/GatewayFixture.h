@@ -1,56 +1,23 @@
-// The real transport against the development gateway on loopback: a settings
-// callback safe to call from the read threads, short timings for the test
-// process, and a started transport. The test thread drives; the transport's
-// read thread raises the callbacks.
+// The real transport against the development gateway on loopback: short
+// timings for the test process and a transport created as the daemon creates
+// it. The test thread drives; the transport's read thread raises the
+// callbacks.
 #pragma once
-
-#include <unistd.h>
 
 #include <chrono>
 #include <functional>
-#include <map>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "DevGateway.h"
+#include "TransportFixtures.h"
 #include "transport/TransportTimings.h"
-#include "transport/htctl.h"
 #include "transport/password.h"
 
 namespace transport_it {
-
-struct Settings {
-    std::mutex mutex;
-    std::map<std::pair<std::string, std::string>, std::string> text;
-    std::map<int, int> codes; // how often each callback code came
-
-    void Set(const char* section, const char* key, const std::string& value) {
-        std::lock_guard<std::mutex> lock(mutex);
-        text[{section, key}] = value;
-    }
-    int Count(int code) {
-        std::lock_guard<std::mutex> lock(mutex);
-        return codes[code];
-    }
-    static int Callback(int code, void* cbdata, CTL_CALLBACK* cb) {
-        auto* self = static_cast<Settings*>(cbdata);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        ++self->codes[code];
-        if (code == kCtlConfigString) {
-            auto it = self->text.find({cb->configstr.section, cb->configstr.key});
-            if (it != self->text.end()) {
-                strncpy(cb->configstr.buf, it->second.c_str(), size_t(cb->configstr.buflen));
-            }
-        } else if (code == kCtlConfigInt) {
-            return cb->configint.dflt;
-        }
-        return 0;
-    }
-};
 
 // Polls `done` every 5 ms for at most `timeoutMs`.
 inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
@@ -64,16 +31,10 @@ inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
     return true;
 }
 
-inline std::string StoredKey(const char* clear) {
-    char stored[128] = {};
-    _EncryptPassword(kPasswordSeed, clear, stored, sizeof stored);
-    return stored;
-}
-
 struct GatewayTest : ::testing::Test {
     devgw::Options options;
     std::unique_ptr<devgw::DevGateway> gateway;
-    Settings settings;
+    transport_test::FakeSettings settings; // filled before Create
     vel::CHTCTL* ctl = nullptr;
     int port = -1;
 
@@ -91,8 +52,10 @@ struct GatewayTest : ::testing::Test {
         gateway = std::make_unique<devgw::DevGateway>(options);
         port = gateway->Start();
         ASSERT_GT(port, 0);
-        settings.Set("HTTP", "GatewayAddress", Target());
-        settings.Set("HTTP", "GSK", StoredKey("secretkey"));
+        settings.text[{"HTTP", "GatewayAddress"}] = Target();
+        char stored[128] = {};
+        _EncryptPassword(kPasswordSeed, "secretkey", stored, sizeof stored);
+        settings.text[{"HTTP", "GSK"}] = stored;
     }
     std::string Target() const { return "127.0.0.1:" + std::to_string(port); }
     // Creates the transport as the daemon does (slavetype 256).
@@ -105,7 +68,7 @@ struct GatewayTest : ::testing::Test {
         p.ctltype = ctltype;
         p.slavetype = 256;
         p.sessions = 10;
-        p.callback = &Settings::Callback;
+        p.callback = &transport_test::FakeSettings::Callback;
         p.cbdata = &settings;
         return ctl->Create(&p);
     }
