@@ -3,8 +3,11 @@
 // OpenSSL's MD5 and base-64), so that their ratio holds however busy the
 // machine is. Single-threaded.
 #include <stdlib.h>
+#include <string.h>
 
+#include <algorithm>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -27,13 +30,40 @@ std::vector<unsigned char> Payload(size_t n) {
     return bytes;
 }
 
+// Each of ours first checks that it computes what its reference computes on
+// this payload, so that the ratio compares the same work.
+bool Verified(benchmark::State& state, bool same, const char* what) {
+    if (!same) {
+        state.SkipWithError(what);
+    }
+    return same;
+}
+
 // Every benchmark reports bytes per second of raw (unencoded) payload.
 void Count(benchmark::State& state, size_t n) {
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(n));
 }
 
+// Standard base-64 of the payload's whole groups, in this wire's alphabet.
+std::string StandardBase64InOurAlphabet(const std::vector<unsigned char>& payload) {
+    const size_t whole = payload.size() / 3 * 3;
+    std::string text(4 * whole / 3 + 1, '\0');
+    EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]), payload.data(), int(whole));
+    text.pop_back();
+    std::replace(text.begin(), text.end(), '+', '(');
+    std::replace(text.begin(), text.end(), '/', ')');
+    return text;
+}
+
 void BM_Encode64(benchmark::State& state) {
     const auto payload = Payload(size_t(state.range(0)));
+    char* ours = Encode64(payload.data(), int(payload.size()));
+    const std::string expected = StandardBase64InOurAlphabet(payload);
+    const bool same = strncmp(ours, expected.c_str(), expected.size()) == 0;
+    free(ours);
+    if (!Verified(state, same, "Encode64 differs from EVP_EncodeBlock")) {
+        return;
+    }
     for (auto _ : state) {
         char* text = Encode64(payload.data(), int(payload.size()));
         benchmark::DoNotOptimize(text);
@@ -56,6 +86,15 @@ void BM_Ref_EVP_EncodeBlock(benchmark::State& state) {
 void BM_Decode64(benchmark::State& state) {
     const auto payload = Payload(size_t(state.range(0)));
     char* text = Encode64(payload.data(), int(payload.size()));
+    int decodedLength = 0;
+    unsigned char* decoded = Decode64(text, &decodedLength);
+    const bool same = size_t(decodedLength) >= payload.size() &&
+                      memcmp(decoded, payload.data(), payload.size()) == 0;
+    free(decoded);
+    if (!Verified(state, same, "Decode64 does not give back the payload")) {
+        free(text);
+        return;
+    }
     for (auto _ : state) {
         int len = 0;
         unsigned char* bytes = Decode64(text, &len);
@@ -92,6 +131,14 @@ void BM_yDecode(benchmark::State& state) {
     const auto payload = Payload(size_t(state.range(0)));
     char* text = nullptr;
     const int length = yEncode(payload.data(), int(payload.size()), &text);
+    unsigned char* decoded = nullptr;
+    const bool same = yDecode(text, length, &decoded) == int(payload.size()) &&
+                      memcmp(decoded, payload.data(), payload.size()) == 0;
+    free(decoded);
+    if (!Verified(state, same, "yDecode does not give back the payload")) {
+        free(text);
+        return;
+    }
     for (auto _ : state) {
         unsigned char* bytes = nullptr;
         benchmark::DoNotOptimize(yDecode(text, length, &bytes));
@@ -103,6 +150,18 @@ void BM_yDecode(benchmark::State& state) {
 
 void BM_CRC32_Update(benchmark::State& state) {
     const auto payload = Payload(size_t(state.range(0)));
+    // Every length up to 64 at every offset up to 16, and the whole payload.
+    bool same = (CRC32_Update(0xFFFFFFFF, payload.data(), int(payload.size())) ^ 0xFFFFFFFF) ==
+                crc32(0, payload.data(), uInt(payload.size()));
+    for (size_t offset = 0; offset < 16 && offset < payload.size(); ++offset) {
+        for (size_t n = 0; n <= 64 && offset + n <= payload.size(); ++n) {
+            same = same && (CRC32_Update(0xFFFFFFFF, &payload[offset], int(n)) ^ 0xFFFFFFFF) ==
+                               crc32(0, &payload[offset], uInt(n));
+        }
+    }
+    if (!Verified(state, same, "CRC32_Update differs from zlib's crc32")) {
+        return;
+    }
     for (auto _ : state) {
         benchmark::DoNotOptimize(CRC32_Update(0xFFFFFFFF, payload.data(), int(payload.size())));
     }
@@ -120,6 +179,14 @@ void BM_Ref_zlib_crc32(benchmark::State& state) {
 void BM_MD5(benchmark::State& state) {
     const auto payload = Payload(size_t(state.range(0)));
     unsigned char digest[16];
+    unsigned char expected[EVP_MAX_MD_SIZE];
+    vel::MD5Digest(payload.data(), payload.size(), digest);
+    const bool same =
+        EVP_Digest(payload.data(), payload.size(), expected, nullptr, EVP_md5(), nullptr) == 1 &&
+        memcmp(digest, expected, sizeof digest) == 0;
+    if (!Verified(state, same, "MD5 differs from OpenSSL's")) {
+        return;
+    }
     for (auto _ : state) {
         vel::MD5Digest(payload.data(), payload.size(), digest);
         benchmark::DoNotOptimize(digest);

@@ -24,6 +24,14 @@ struct DecodeTable {
 
 constexpr DecodeTable kDecode64;
 
+// Four characters for the 24 bits of group.
+inline void EncodeGroup(uint32_t group, char* o) {
+    o[0] = kAlphabet64[(group >> 18) & 63];
+    o[1] = kAlphabet64[(group >> 12) & 63];
+    o[2] = kAlphabet64[(group >> 6) & 63];
+    o[3] = kAlphabet64[group & 63];
+}
+
 // The yEnc shift and the escape set of the data channel.
 constexpr unsigned kYencShift = 42;
 constexpr unsigned kYencEscapeShift = 64;
@@ -55,14 +63,15 @@ extern "C" char* Encode64(const unsigned char* src, int n) {
         return nullptr;
     }
     char* o = out;
-    for (size_t i = 0; i < count; i += 3) {
-        const size_t left = count - i;
-        const uint32_t group = uint32_t(src[i]) << 16 | (left > 1 ? uint32_t(src[i + 1]) << 8 : 0) |
-                               (left > 2 ? uint32_t(src[i + 2]) : 0);
-        *o++ = kAlphabet64[(group >> 18) & 63];
-        *o++ = kAlphabet64[(group >> 12) & 63];
-        *o++ = kAlphabet64[(group >> 6) & 63];
-        *o++ = kAlphabet64[group & 63];
+    size_t i = 0;
+    for (; i + 3 <= count; i += 3, o += 4) {
+        EncodeGroup(uint32_t(src[i]) << 16 | uint32_t(src[i + 1]) << 8 | src[i + 2], o);
+    }
+    // A last group of one or two bytes is completed with zero bits.
+    if (i < count) {
+        const bool two = count - i == 2;
+        EncodeGroup(uint32_t(src[i]) << 16 | (two ? uint32_t(src[i + 1]) << 8 : 0), o);
+        o += 4;
     }
     *o = '\0';
     return out;
@@ -76,7 +85,23 @@ extern "C" unsigned char* Decode64(const char* text, int* len) {
     unsigned char* out = static_cast<unsigned char*>(malloc(capacity > 0 ? capacity : 1));
     size_t produced = 0;
     if (out != nullptr) {
-        for (size_t i = 0; i < textLength; i += 4) {
+        size_t i = 0;
+        // Whole groups of four alphabet characters, the bulk of any text.
+        for (; i + 4 <= textLength; i += 4, produced += 3) {
+            const int a = kDecode64.value[static_cast<unsigned char>(text[i])];
+            const int b = kDecode64.value[static_cast<unsigned char>(text[i + 1])];
+            const int c = kDecode64.value[static_cast<unsigned char>(text[i + 2])];
+            const int d = kDecode64.value[static_cast<unsigned char>(text[i + 3])];
+            if ((a | b | c | d) < 0) {
+                break; // one is outside the alphabet: the careful path below
+            }
+            const uint32_t group =
+                uint32_t(a) << 18 | uint32_t(b) << 12 | uint32_t(c) << 6 | uint32_t(d);
+            out[produced] = static_cast<unsigned char>(group >> 16);
+            out[produced + 1] = static_cast<unsigned char>(group >> 8);
+            out[produced + 2] = static_cast<unsigned char>(group);
+        }
+        for (; i < textLength; i += 4) {
             uint32_t group = 0;
             int digits = 0;
             while (digits < 4 && i + digits < textLength) {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -56,10 +57,7 @@ std::string AllBytes() {
 }
 
 TEST(Base64, EncodesWithOwnAlphabetAndZeroPadding) {
-    const struct {
-        std::string bytes;
-        const char* text;
-    } cases[] = {
+    const std::tuple<std::string, const char*> cases[] = {
         {"", ""},
         {std::string(1, '\0'), "AAAA"},
         {"M", "TQAA"},
@@ -68,8 +66,8 @@ TEST(Base64, EncodesWithOwnAlphabetAndZeroPadding) {
         {"\xFB\xEF\xBE", "(((("},
         {"gatewaykey", "Z2F0ZXdheWtleQAA"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Encoded64(c.bytes), c.text);
+    for (const auto& [bytes, text] : cases) {
+        EXPECT_EQ(Encoded64(bytes), text);
     }
     char* empty = Encode64(Bytes("x"), -5);
     EXPECT_STREQ(empty, "");
@@ -77,10 +75,7 @@ TEST(Base64, EncodesWithOwnAlphabetAndZeroPadding) {
 }
 
 TEST(Base64, DecodesUntilTheFirstCharacterOutsideTheAlphabet) {
-    const struct {
-        const char* text;
-        std::string bytes;
-    } cases[] = {
+    const std::tuple<const char*, std::string> cases[] = {
         {"TWFu", "Man"},
         {"TW", "M"},
         {"TWF", "Ma"},
@@ -92,8 +87,8 @@ TEST(Base64, DecodesUntilTheFirstCharacterOutsideTheAlphabet) {
         {"()8A", std::string("\xFB\xFF\x00", 3)},
         {"TWFu\nTWFu", "Man"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Decoded64(c.text), c.bytes) << c.text;
+    for (const auto& [text, bytes] : cases) {
+        EXPECT_EQ(Decoded64(text), bytes) << text;
     }
 }
 
@@ -111,15 +106,12 @@ TEST(Base64, RoundTripAddsOnlyZeroBytesOfThePartialGroup) {
 }
 
 TEST(YEnc, EscapesExactlySixValues) {
-    const struct {
-        unsigned char byte;
-        const char* text;
-    } cases[] = {
+    const std::tuple<unsigned char, const char*> cases[] = {
         {0xD6, "=@"}, {0xE0, "=J"},   {0x04, "=n"},   {0x13, "=}"}, {0xE3, "=M"},
         {0xDF, "=I"}, {0xD7, "\x01"}, {0xDE, "\x08"}, {0x41, "k"},  {0x00, "*"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(YEncoded(std::string(1, char(c.byte))), c.text) << int(c.byte);
+    for (const auto& [byte, text] : cases) {
+        EXPECT_EQ(YEncoded(std::string(1, char(byte))), text) << int(byte);
     }
     const std::string all = AllBytes();
     EXPECT_EQ(YEncoded(all).size(), all.size() + 6);
@@ -133,16 +125,12 @@ TEST(YEnc, DecodesWithinSizeAndUpToTheNul) {
     const std::string all = AllBytes();
     const std::string encoded = YEncoded(all);
     EXPECT_EQ(YDecoded(encoded, int(encoded.size())), all);
-    const struct {
-        const char* text;
-        int size;
-        std::string bytes;
-    } cases[] = {
+    const std::tuple<const char*, int, std::string> cases[] = {
         {"kkk", 2, "AA"}, {"kk", 10, "AA"}, {"", 5, ""},
         {"k", 0, ""},     {"k", -3, ""},    {"=@k", 3, std::string(1, '\xD6') + "A"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(YDecoded(c.text, c.size), c.bytes) << c.text << " " << c.size;
+    for (const auto& [text, size, bytes] : cases) {
+        EXPECT_EQ(YDecoded(text, size), bytes) << text << " " << size;
     }
 }
 
@@ -155,6 +143,9 @@ TEST(YEncDeathTest, EscapeWithoutItsCharacterAborts) {
 TEST(Crc32, CheckValueAndChaining) {
     const std::string check = "123456789";
     EXPECT_EQ(CRC32_Update(0xFFFFFFFF, check.data(), 9) ^ 0xFFFFFFFF, 0xCBF43926u);
+    // Long enough for the 16-byte steps and an unaligned tail.
+    const std::string fox = "The quick brown fox jumps over the lazy dog";
+    EXPECT_EQ(CRC32_Update(0xFFFFFFFF, fox.data(), int(fox.size())) ^ 0xFFFFFFFF, 0x414FA339u);
     const uint32_t head = CRC32_Update(0xFFFFFFFF, check.data(), 4);
     EXPECT_EQ(CRC32_Update(head, check.data() + 4, 5), CRC32_Update(0xFFFFFFFF, check.data(), 9));
     EXPECT_EQ(CRC32_Update(0x1234, check.data(), 0), 0x1234u);
