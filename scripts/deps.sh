@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     build-essential cmake g++ clang clang-format
     libgtest-dev libgmock-dev libbenchmark-dev
-    iproute2 procps util-linux wget
+    iproute2 procps util-linux wget valgrind
     libx11-dev libxft-dev fonts-dejavu-core xvfb xdotool
 )
 
