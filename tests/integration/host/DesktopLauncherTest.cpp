@@ -1,4 +1,4 @@
-#include "HostTestSupport.h"
+#include "HostTesting.h"
 #include "host/ForkProcess.h"
 #include "log/Log.h"
 
@@ -25,13 +25,10 @@ using hosttest::RunningProcess;
 const std::vector<std::string> kXServer = {"/usr/bin/X", ":0", "-auth", "/var/run/xauth/A:0-abc",
                                            "-nolisten",  "tcp"};
 const char* const kProbeName = "notifymessage";
+const char* const kProbePath = ND_PROBE_PATH;
 
 TEST(GetXAuthority, ReadsTheAuthOptionOfTheRunningXServer) {
-    struct Case {
-        std::vector<std::vector<std::string>> processes;
-        const char* path;
-    };
-    const Case cases[] = {
+    const std::pair<std::vector<std::vector<std::string>>, const char*> cases[] = {
         {{kXServer}, "/var/run/xauth/A:0-abc"},
         {{{"/usr/lib/xorg/Xorg", "-core", ":0", "-auth", "/run/gdm/database"}},
          "/run/gdm/database"},
@@ -40,14 +37,14 @@ TEST(GetXAuthority, ReadsTheAuthOptionOfTheRunningXServer) {
         {{{"/usr/bin/X", ":0", "-nolisten", "tcp"}}, ""},
         {{}, ""},
     };
-    for (const Case& c : cases) {
+    for (const auto& [processes, expected] : cases) {
         std::vector<std::unique_ptr<RunningProcess>> running;
-        for (const std::vector<std::string>& argv : c.processes) {
-            running.push_back(std::make_unique<RunningProcess>(argv));
+        for (const std::vector<std::string>& argv : processes) {
+            running.push_back(std::make_unique<RunningProcess>(argv, kProbePath));
         }
         std::string path = "stale";
         vel::GetXAuthority(path);
-        EXPECT_EQ(path, c.path);
+        EXPECT_EQ(path, expected);
     }
 }
 
@@ -89,7 +86,7 @@ class LaunchedProgram : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(chmod(m_dir.Path().c_str(), 0777), 0); // the non-root child records here too
-        hosttest::InstallProbe(m_dir.Path(), kProbeName);
+        hosttest::InstallProgram(kProbePath, m_dir.Path(), kProbeName);
         m_recordEntry = "ND_PROBE_RECORD=" + RecordPath();
         setenv("DISPLAY", ":7", 1);
         setenv("ND_INHERITED", "kept", 1);
@@ -110,13 +107,12 @@ protected:
         entries.push_back(nullptr);
         pid_t child = vel::ForkGuiProcess(directory.c_str(), kProbeName, entries.data());
         EXPECT_GT(child, 0);
-        int status = hosttest::WaitForExit(child, 10);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_TRUE(hosttest::ExitedWith(hosttest::WaitForExit(child), 0));
         return ReadRecording(RecordPath());
     }
 
     hosttest::TempDir m_dir;
-    RunningProcess m_xServer{kXServer};
+    RunningProcess m_xServer{kXServer, kProbePath};
     std::string m_recordEntry;
 };
 
@@ -149,11 +145,9 @@ TEST_F(LaunchedProgram, NotAsRootKeepsTheEnvironmentAndAddsTheEntries) {
         std::string message = "MESSAGE=hello";
         char* entries[] = {&m_recordEntry[0], &message[0], nullptr};
         pid_t child = vel::ForkGuiProcess(m_dir.Path().c_str(), kProbeName, entries);
-        int status = child > 0 ? hosttest::WaitForExit(child, 10) : -1;
-        _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 4);
+        _exit(child > 0 && hosttest::ExitedWith(hosttest::WaitForExit(child), 0) ? 0 : 4);
     }
-    int status = hosttest::WaitForExit(helper, 20);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_TRUE(hosttest::ExitedWith(hosttest::WaitForExit(helper, 20), 0));
     Recording seen = ReadRecording(RecordPath());
     EXPECT_TRUE(seen.Has("MESSAGE=hello"));
     EXPECT_TRUE(seen.Has("DISPLAY=:7"));
@@ -167,10 +161,10 @@ TEST_F(LaunchedProgram, AMissingProgramLogsAndExitsWithOne) {
     testing::internal::CaptureStderr();
     pid_t child = vel::ForkGuiProcess(m_dir.Path().c_str(), "no-such-program", nullptr);
     ASSERT_GT(child, 0);
-    int status = hosttest::WaitForExit(child, 10);
+    const int status = hosttest::WaitForExit(child);
     std::string err = testing::internal::GetCapturedStderr();
     vel::StopLog();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_TRUE(hosttest::ExitedWith(status, 1)) << status;
 
     // Only the child's line is checked: the shell tools of the X server probe
     // share this stderr.
@@ -200,8 +194,7 @@ TEST_F(LaunchedProgram, AFailedChildCannotDeadlockOnTheLog) {
     int stuck = 0;
     for (int i = 0; i < 20; ++i) {
         pid_t child = vel::ForkGuiProcess(m_dir.Path().c_str(), "no-such-program", nullptr);
-        int status = child > 0 ? hosttest::WaitForExit(child, 10) : -1;
-        stuck += !(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+        stuck += !(child > 0 && hosttest::ExitedWith(hosttest::WaitForExit(child), 1));
     }
     stop = true;
     chatter.join();

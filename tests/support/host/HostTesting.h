@@ -1,0 +1,126 @@
+// Files, scratch directories and real child processes for tests, used from
+// the test's main thread: every wait is bounded and every child is killed by
+// its pid.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace hosttest {
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+inline void WriteFile(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// Copies `program` into `directory` as `name` (mode 0755); returns its path.
+inline std::string InstallProgram(const std::string& program, const std::string& directory,
+                                  const std::string& name) {
+    const std::string path = directory + "/" + name;
+    std::filesystem::copy_file(program, path, std::filesystem::copy_options::overwrite_existing);
+    chmod(path.c_str(), 0755);
+    return path;
+}
+
+// A fresh directory under /tmp, removed with its contents.
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/nd-test-XXXXXX";
+        if (mkdtemp(pattern) != nullptr) {
+            m_path = pattern;
+        }
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        if (!m_path.empty()) {
+            std::filesystem::remove_all(m_path, ignored);
+        }
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+// The child's wait status, or -1 when it is not our child or had not ended
+// within `seconds` (it is then killed and reaped).
+inline int WaitForExit(pid_t child, int seconds = 10) {
+    int status = 0;
+    for (int tick = 0; tick < seconds * 500; ++tick) {
+        const pid_t done = waitpid(child, &status, WNOHANG);
+        if (done != 0) {
+            return done == child ? status : -1;
+        }
+        usleep(2000);
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    return -1;
+}
+
+inline bool ExitedWith(int status, int code) {
+    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == code;
+}
+
+// `program` run with exactly `argv` (argv[0] included). The constructor
+// returns once the exec has happened, so ps and /proc show the new command
+// line; the destructor kills the child by pid and reaps it.
+class RunningProcess {
+public:
+    RunningProcess(std::vector<std::string> argv, const std::string& program) {
+        std::vector<char*> args;
+        for (std::string& arg : argv) {
+            args.push_back(&arg[0]);
+        }
+        args.push_back(nullptr);
+        // The write end closes on exec: end of file on the read end means the
+        // new command line is in place.
+        int execed[2];
+        if (pipe2(execed, O_CLOEXEC) != 0) {
+            return;
+        }
+        m_pid = fork();
+        if (m_pid == 0) {
+            execv(program.c_str(), args.data());
+            _exit(127);
+        }
+        close(execed[1]);
+        struct pollfd ready = {execed[0], POLLIN, 0};
+        poll(&ready, 1, 10000);
+        close(execed[0]);
+    }
+    ~RunningProcess() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+    RunningProcess(const RunningProcess&) = delete;
+    RunningProcess& operator=(const RunningProcess&) = delete;
+    pid_t Pid() const { return m_pid; }
+
+private:
+    pid_t m_pid = -1;
+};
+
+} // namespace hosttest
