@@ -2,8 +2,10 @@
 // notification packets, duplicates and the window order.
 #include <limits.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -33,81 +35,50 @@ struct Packet {
     size_t size;
 };
 
-// A literal's bytes, embedded NULs included, without its terminator.
-template <size_t N> std::string Bytes(const char (&text)[N]) {
-    return std::string(text, N - 1);
+// The bytes of `text` with every "~" turned into a NUL.
+std::string Z(std::string text) {
+    std::replace(text.begin(), text.end(), '~', '\0');
+    return text;
 }
 
 // Type 12, 17 header bytes, then the texts.
 std::string Notification(const std::string& texts) {
-    return Bytes("\x0c") + std::string(17, 'h') + texts;
+    return "\x0c" + std::string(17, 'h') + Z(texts);
 }
 
 TEST(GetMessageParameters, SplitsTheTextsAndNeverReadsOutsideThePacket) {
     using std::string;
-    const struct {
-        const char* name;
-        string packet;
-        int id;
-        string message, caption, timeout, flags;
-    } cases[] = {
-        {"all three texts",
-         Notification(Bytes("hello\0"
-                            "30|Notice\0"
-                            "5\0\0\0")),
-         42, "hello", "Notice", "30", "5"},
-        {"last byte not NUL: message only",
-         Notification(Bytes("hello\0"
-                            "30|Notice\0"
-                            "5")),
-         7, "hello", "keep", "keep", "0"},
-        {"second text without |: all time-out",
-         Notification(Bytes("hi\0"
-                            "30\0\0\0")),
-         1, "hi", "", "30", "0"},
-        {"time-out and caption, no flags",
-         Notification(Bytes("hi\0"
-                            "9|Cap\0\0\0")),
-         1, "hi", "Cap", "9", "0"},
-        {"caption keeps later bars",
-         Notification(Bytes("m\0"
-                            "1|a|b\0"
-                            "3\0")),
-         1, "m", "a|b", "1", "3"},
-        {"negative flags",
-         Notification(Bytes("m\0"
-                            "|\0"
-                            "-7\0")),
-         1, "m", "", "", "-7"},
-        {"flags beyond int are clamped",
-         Notification(Bytes("m\0"
-                            "|\0"
-                            "99999999999\0")),
-         1, "m", "", "", std::to_string(INT_MAX)},
-        {"message only, with the block's trailer", Notification(Bytes("hello\0\0")), -1, "hello",
-         "keep", "keep", "0"},
+    // Name, packet, id, message, caption, time-out, flags ("keep": untouched).
+    const std::tuple<const char*, string, int, string, string, string, string> cases[] = {
+        {"all three texts", Notification("hello~30|Notice~5~~~"), 42, "hello", "Notice", "30", "5"},
+        {"last byte not NUL: message only", Notification("hello~30|Notice~5"), 7, "hello", "keep",
+         "keep", "0"},
+        {"second text without |: all time-out", Notification("hi~30~~~"), 1, "hi", "", "30", "0"},
+        {"time-out and caption, no flags", Notification("hi~9|Cap~~~"), 1, "hi", "Cap", "9", "0"},
+        {"caption keeps later bars", Notification("m~1|a|b~3~"), 1, "m", "a|b", "1", "3"},
+        {"negative flags", Notification("m~|~-7~"), 1, "m", "", "", "-7"},
+        {"flags beyond int are clamped", Notification("m~|~99999999999~"), 1, "m", "", "",
+         std::to_string(INT_MAX)},
+        {"message only, with the block's trailer", Notification("hello~~"), -1, "hello", "keep",
+         "keep", "0"},
         {"no NUL anywhere", Notification("abcdef"), 3, "abcdef", "keep", "keep", "0"},
-        {"no NUL anywhere, header only", Bytes("\x0c") + string(17, 'h'), 3, "", "keep", "keep",
-         "0"},
-        {"shorter than the header, ends in NUL", Bytes("\x0c\0\0\0"), 3, "", "keep", "keep", "0"},
-        {"single byte", Bytes("\x0c"), 3, "", "keep", "keep", "0"},
-        {"empty packet", string(), 3, "", "keep", "keep", "0"},
-        {"second text not terminated",
-         Notification(Bytes("m\0"
-                            "1|c")),
-         2, "m", "keep", "keep", "0"},
+        {"no NUL anywhere, header only", Notification(""), 3, "", "keep", "keep", "0"},
+        {"shorter than the header, ends in NUL", Z("\x0c~~~"), 3, "", "keep", "keep", "0"},
+        {"single byte", "\x0c", 3, "", "keep", "keep", "0"},
+        {"empty packet", "", 3, "", "keep", "keep", "0"},
+        {"second text not terminated", Notification("m~1|c"), 2, "m", "keep", "keep", "0"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Packet packet(c.packet);
-        const CTL_CALLBACK cb = packet.Callback(c.id);
-        string message, caption = "keep", timeout = "keep", flags, id;
-        GetMessageParameters(&cb, message, caption, timeout, flags, id);
-        EXPECT_EQ(message, c.message);
-        EXPECT_EQ(caption, c.caption);
-        EXPECT_EQ(timeout, c.timeout);
-        EXPECT_EQ(flags, c.flags);
-        EXPECT_EQ(id, std::to_string(c.id));
+    for (const auto& [name, bytes, id, message, caption, timeout, flags] : cases) {
+        SCOPED_TRACE(name);
+        Packet packet(bytes);
+        const CTL_CALLBACK cb = packet.Callback(id);
+        string gotMessage, gotCaption = "keep", gotTimeout = "keep", gotFlags, gotId;
+        GetMessageParameters(&cb, gotMessage, gotCaption, gotTimeout, gotFlags, gotId);
+        EXPECT_EQ(gotMessage, message);
+        EXPECT_EQ(gotCaption, caption);
+        EXPECT_EQ(gotTimeout, timeout);
+        EXPECT_EQ(gotFlags, flags);
+        EXPECT_EQ(gotId, std::to_string(id));
     }
 }
 
@@ -124,13 +95,7 @@ struct Callback : ::testing::Test {
 };
 
 TEST_F(Callback, ConfigStringIsBoundedAndAlwaysTerminated) {
-    const struct {
-        const char* name;
-        const char* section;
-        const char* key;
-        int buflen;
-        std::string expected;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*, int, std::string> cases[] = {
         {"cut to buflen - 1", "HTTP", "GatewayAddress", 8, "0123456"},
         {"section in any case", "http", "GatewayAddress", 8, "0123456"},
         {"fits", "HTTP", "GatewayAddress", 64, "01234567890123456789"},
@@ -138,18 +103,18 @@ TEST_F(Callback, ConfigStringIsBoundedAndAlwaysTerminated) {
         {"absent key", "HTTP", "GSK", 16, ""},
         {"key compared exactly", "HTTP", "gatewayaddress", 16, ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::unique_ptr<char[]> buf(new char[size_t(c.buflen)]);
-        memset(buf.get(), 'x', size_t(c.buflen));
+    for (const auto& [name, section, key, buflen, expected] : cases) {
+        SCOPED_TRACE(name);
+        std::unique_ptr<char[]> buf(new char[size_t(buflen)]);
+        memset(buf.get(), 'x', size_t(buflen));
         CTL_CALLBACK cb;
         memset(&cb, 0, sizeof cb);
-        cb.configstr.section = c.section;
-        cb.configstr.key = c.key;
+        cb.configstr.section = section;
+        cb.configstr.key = key;
         cb.configstr.buf = buf.get();
-        cb.configstr.buflen = c.buflen;
+        cb.configstr.buflen = buflen;
         EXPECT_EQ(Ask(kCtlConfigString, cb), 0);
-        EXPECT_EQ(std::string(buf.get()), c.expected);
+        EXPECT_EQ(std::string(buf.get()), expected);
     }
 }
 
@@ -188,7 +153,7 @@ struct Display : ::testing::Test {
     }
     void TearDown() override { vel::initialise_install_details("/usr/sxa/"); }
     static void Deliver(int code, int id, unsigned char type = 12) {
-        Packet packet(std::string(1, char(type)) + std::string(17, '\0') + Bytes("hi\0\0\0"));
+        Packet packet(std::string(1, char(type)) + std::string(17, '\0') + Z("hi~~~"));
         CTL_CALLBACK cb = packet.Callback(id);
         ClientCallback(code, nullptr, &cb);
     }

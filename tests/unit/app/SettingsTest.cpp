@@ -1,14 +1,12 @@
+#include "HostTesting.h"
 #include "app/corvanenotify.h"
 #include "config/InstallEnvironment.h"
 #include "config/Preferences.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <tuple>
 
 namespace {
 
@@ -16,32 +14,24 @@ namespace {
 class SettingsTest : public testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/nd-settings-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
-        ASSERT_EQ(mkdir((m_dir + "/daemon").c_str(), 0755), 0);
-        vel::initialise_install_details(m_dir + "/");
+        ASSERT_EQ(mkdir((m_dir.Path() + "/daemon").c_str(), 0755), 0);
+        vel::initialise_install_details(m_dir.Path() + "/");
         m_prefs->preferences.clear();
         gTimerSleepMinutes = 60;
         fullscreen = 0;
         fullscreentimeout.clear();
         largelogopath.clear();
     }
+    void TearDown() override { vel::initialise_install_details("/usr/sxa/"); }
 
-    void TearDown() override {
-        unlink(SettingsPath().c_str());
-        rmdir((m_dir + "/daemon").c_str());
-        rmdir(m_dir.c_str());
-        vel::initialise_install_details("/usr/sxa/");
+    void WriteSettings(const std::string& text) {
+        hosttest::WriteFile(m_dir.Path() + "/daemon/config.dat", text);
     }
-
-    std::string SettingsPath() const { return m_dir + "/daemon/config.dat"; }
-    void WriteSettings(const std::string& text) { std::ofstream(SettingsPath()) << text; }
     const std::string& Get(const char* section, const char* key) {
         return m_prefs->getConfigString(section, key);
     }
 
-    std::string m_dir;
+    hosttest::TempDir m_dir;
     vel::Preferences* m_prefs = vel::Preferences::getInstance();
 };
 
@@ -54,13 +44,7 @@ TEST_F(SettingsTest, MissingFileIsReported) {
 }
 
 TEST_F(SettingsTest, TransportKeysAreDerivedFromTheGatewaySection) {
-    const struct {
-        const char* name;
-        const char* settings;
-        const char* address;
-        const char* key;
-        const char* department;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*, const char*, const char*> cases[] = {
         {"all set",
          "[gateway]\ngatewayip=10.0.0.5\ngatewayport=443\ngatewaykey=K3Y\ndepartment=Accounts\n",
          "10.0.0.5:443", "K3Y", "Accounts"},
@@ -72,14 +56,14 @@ TEST_F(SettingsTest, TransportKeysAreDerivedFromTheGatewaySection) {
          "[gateway]\ngatewaykey=new\n",
          ":", "new", ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, settings, address, key, department] : cases) {
+        SCOPED_TRACE(name);
         m_prefs->preferences.clear();
-        WriteSettings(c.settings);
+        WriteSettings(settings);
         ASSERT_TRUE(Configure());
-        EXPECT_EQ(Get("HTTP", "GatewayAddress"), c.address);
-        EXPECT_EQ(Get("HTTP", "GSK"), c.key);
-        EXPECT_EQ(Get("HTTP", "*Dept"), c.department);
+        EXPECT_EQ(Get("HTTP", "GatewayAddress"), address);
+        EXPECT_EQ(Get("HTTP", "GSK"), key);
+        EXPECT_EQ(Get("HTTP", "*Dept"), department);
         EXPECT_EQ(Get("Client", "Protocols"), "3");
     }
 }
@@ -103,22 +87,19 @@ TEST_F(SettingsTest, ApplicationSettingsAreReadOrKeepTheirDefaults) {
 }
 
 TEST_F(SettingsTest, CompletenessLooksAtTheRawGatewayKeys) {
-    const struct {
-        const char* settings;
-        bool complete;
-    } cases[] = {
+    const std::tuple<const char*, bool> cases[] = {
         {"[gateway]\ngatewayip=h\ngatewaykey=k\n", true},
         {"[gateway]\ngatewayip=h\n", false},
         {"[gateway]\ngatewaykey=k\n", false},
         {"[gateway]\ngatewayip=h\ngatewaykey=\n", false},
         {"[HTTP]\nGatewayAddress=h:1\nGSK=k\n", false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.settings);
+    for (const auto& [settings, complete] : cases) {
+        SCOPED_TRACE(settings);
         m_prefs->preferences.clear();
-        WriteSettings(c.settings);
+        WriteSettings(settings);
         ASSERT_TRUE(Configure());
-        EXPECT_EQ(ConfigurationIsComplete(), c.complete);
+        EXPECT_EQ(ConfigurationIsComplete(), complete);
     }
 }
 

@@ -1,16 +1,12 @@
-// The transport's creation: the record, and the back-off between attempts,
-// driven through the timing seams against a port that refuses and then
-// accepts.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+// The transport's creation: the record, and the back-off between attempts
+// (through the timing seams) against a port that refuses and then accepts.
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "TransportFixtures.h"
 #include "app/AppTimings.h"
 #include "app/Notification.h"
 #include "app/TransportStartup.h"
@@ -23,32 +19,21 @@ extern "C" void __lsan_enable() __attribute__((weak));
 
 namespace {
 
-TEST(TransportStartup, RetryDelaysDoubleUpToEightHours) {
-    std::vector<int> delays{kFirstRetryDelaySeconds};
-    while (delays.size() < 13) {
-        delays.push_back(NextRetryDelay(delays.back()));
-    }
-    EXPECT_EQ(delays, (std::vector<int>{60, 120, 240, 480, 960, 1920, 3840, 7680, 15360, 28800,
-                                        28800, 28800, 28800}));
-}
-
 TEST(TransportStartup, CreationRecord) {
-    const struct {
-        std::string systemName;
-        std::string field; // all 16 bytes
-    } cases[] = {
+    // field: all 16 bytes
+    const std::tuple<std::string, std::string> cases[] = {
         {"ws-42", std::string("ws-42") + std::string(11, '\0')},
         {"exactly-16-chars", "exactly-16-chars"},
         {"a-name-of-twenty-chs", "a-name-of-twenty"},
         {"", std::string(16, '\0')},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.systemName);
+    for (const auto& [systemName, field] : cases) {
+        SCOPED_TRACE(systemName);
         tagCTLCREATEPARAMS params;
         memset(&params, 0xAB, sizeof params);
-        FillCreateParams(params, c.systemName);
+        FillCreateParams(params, systemName);
         EXPECT_EQ(params.cbSize, 64u);
-        EXPECT_EQ(std::string(params.name, sizeof params.name), c.field);
+        EXPECT_EQ(std::string(params.name, sizeof params.name), field);
         EXPECT_EQ(params.ctltype, -1);
         EXPECT_EQ(params.slavetype, 256);
         EXPECT_EQ(std::string(params.serial, sizeof params.serial), std::string(11, '\0'));
@@ -67,36 +52,18 @@ std::vector<long long> gWaits;
 int gListener = -1;
 int gPort = 0;
 
-int Listen(int port) {
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(uint16_t(port));
-    if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(s, 4) != 0) {
-        close(s);
-        return -1;
-    }
-    return s;
-}
-
 void RecordWait(long long seconds) {
     gWaits.push_back(seconds);
     if (gWaits.size() == kFailures) {
-        gListener = Listen(gPort);
+        gListener = transport_test::ListenLoopback(gPort, 4);
     }
 }
 
 TEST(TransportStartup, RetriesWithTheBackOffUntilTheGatewayAnswers) {
     // A free port, closed again, so that connecting is refused at once.
-    gListener = Listen(0);
+    gListener = transport_test::ListenLoopback(0);
     ASSERT_NE(gListener, -1);
-    sockaddr_in bound = {};
-    socklen_t length = sizeof bound;
-    getsockname(gListener, reinterpret_cast<sockaddr*>(&bound), &length);
-    gPort = ntohs(bound.sin_port);
+    gPort = transport_test::PortOf(gListener);
     close(gListener);
     gListener = -1;
 

@@ -2,6 +2,7 @@
 // checks in front of the customisation download, against a transport whose
 // link is a local socket pair.
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,7 +17,7 @@
 namespace {
 
 using transport_test::PairedLink;
-using transport_test::RequestHeader;
+using transport_test::Post;
 
 const char kHost[] = "gw.example:443";
 
@@ -53,11 +54,8 @@ std::vector<char> Record(int id, int flags, const std::string& name, size_t cut 
 }
 
 TEST_F(Workers, AcknowledgementsOfDisplayedNotificationsAreReported) {
-    const struct {
-        const char* name;
-        std::vector<char> record;
-        std::string body; // empty: nothing is sent
-    } cases[] = {
+    // Name, record, body sent (empty: nothing is sent).
+    const std::tuple<const char*, std::vector<char>, std::string> cases[] = {
         {"whole record", Record(7, 5, "alice"), "CMD=MESSAGEACK\nID=7\nUF=5\nUN=alice\n"},
         {"negative values", Record(-2, -1, "bob"), "CMD=MESSAGEACK\nID=-2\nUF=-1\nUN=bob\n"},
         {"empty name, record padded to 16", Record(7, 1, std::string(3, '\0')),
@@ -68,14 +66,12 @@ TEST_F(Workers, AcknowledgementsOfDisplayedNotificationsAreReported) {
         {"id never displayed", Record(8, 2, "alice"), ""},
         {"flags 0 is no acknowledgement", Record(7, 0, "alice"), ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::vector<char> buffer = c.record;
-        const size_t length = buffer.size();
+    for (const auto& [name, record, body] : cases) {
+        SCOPED_TRACE(name);
+        std::vector<char> buffer = record;
         buffer.push_back('x'); // the reader's spare byte
-        EXPECT_EQ(HandleAcknowledgement(buffer.data(), length), !c.body.empty());
-        EXPECT_EQ(paired.Drain(),
-                  c.body.empty() ? "" : RequestHeader(kHost, c.body.size()) + c.body);
+        EXPECT_EQ(HandleAcknowledgement(buffer.data(), record.size()), !body.empty());
+        EXPECT_EQ(paired.Drain(), body.empty() ? "" : Post(kHost, body));
     }
     // The id stays known: a later record for it is passed on again.
     std::vector<char> again = Record(7, 3, "alice");
@@ -87,8 +83,7 @@ TEST_F(Workers, AcknowledgementsOfDisplayedNotificationsAreReported) {
 
 TEST_F(Workers, TimerAsksForTheCustomisationLink) {
     RequestCustomisationInfo();
-    const std::string body = "CMD=GETFILEINFO\nLINK=notify-customization.lnk\n";
-    EXPECT_EQ(paired.Drain(), RequestHeader(kHost, body.size()) + body);
+    EXPECT_EQ(paired.Drain(), Post(kHost, "CMD=GETFILEINFO\nLINK=notify-customization.lnk\n"));
     transport = nullptr;
     RequestCustomisationInfo();
     EXPECT_EQ(paired.Drain(), "");
@@ -116,13 +111,7 @@ TEST(Customisation, OnlyPlainNamesAndAddressesReachTheShell) {
 TEST(Customisation, RepliesThatStartNoDownload) {
     // Each of these returns before anything touches the cache directory.
     gLastWriteTime = 500;
-    const struct {
-        const char* name;
-        const char* link;
-        const char* file;
-        uint64_t lastWrite;
-        const char* server;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*, uint64_t, const char*> cases[] = {
         {"another link", "other.lnk", "sxa-custom.dat", 900, "127.0.0.1:80"},
         {"same time", "notify-customization.lnk", "sxa-custom.dat", 500, "127.0.0.1:80"},
         {"older", "NOTIFY-CUSTOMIZATION.LNK", "sxa-custom.dat", 499, "127.0.0.1:80"},
@@ -133,9 +122,9 @@ TEST(Customisation, RepliesThatStartNoDownload) {
          "127.0.0.1:80;touch /tmp/nd-pwned"},
         {"no server", "notify-customization.lnk", "sxa-custom.dat", 900, ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        FileInfoCallback(c.link, c.file, "", 0, c.lastWrite, c.server);
+    for (const auto& [name, link, file, lastWrite, server] : cases) {
+        SCOPED_TRACE(name);
+        FileInfoCallback(link, file, "", 0, lastWrite, server);
         EXPECT_EQ(gLastWriteTime, 500u);
     }
     gLastWriteTime = 0;
