@@ -5,13 +5,13 @@
 #include <gtest/gtest.h>
 
 #include "DevGateway.h"
+#include "HostTesting.h"
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -43,19 +44,12 @@ const std::string kGoodSettings =
 constexpr size_t kTimePrefixLength = 20; // "YYYY-MM-DD HH:MM:SS "
 
 using Clock = std::chrono::steady_clock;
+using hosttest::ExitedWith;
+using hosttest::ReadFile;
+using hosttest::WaitForExit;
+using hosttest::WriteFile;
 constexpr auto kDeadline = std::chrono::seconds(10);
 constexpr auto kPoll = std::chrono::milliseconds(2);
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void WriteFile(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
 
 std::vector<std::string> LogLines() {
     std::istringstream in(ReadFile(kLogPath));
@@ -96,12 +90,10 @@ struct Launch {
     bool closeStandardDescriptors = false;
 };
 
-// Starts a program with the given argv (argv[0] included) and our environment
-// plus extraEnv.
-pid_t Spawn(const std::string& path, const std::vector<std::string>& args,
-            const std::vector<std::string>& extraEnv = {}, bool closeStandard = false) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args) {
+// Starts the installed daemon with our environment plus the launch's entries.
+pid_t Spawn(const Launch& launch) {
+    std::vector<char*> argv{const_cast<char*>(kDaemon)};
+    for (const std::string& arg : launch.args) {
         argv.push_back(const_cast<char*>(arg.c_str()));
     }
     argv.push_back(nullptr);
@@ -109,18 +101,18 @@ pid_t Spawn(const std::string& path, const std::vector<std::string>& args,
     for (char** entry = environ; *entry != nullptr; ++entry) {
         envp.push_back(*entry);
     }
-    for (const std::string& entry : extraEnv) {
+    for (const std::string& entry : launch.extraEnv) {
         envp.push_back(const_cast<char*>(entry.c_str()));
     }
     envp.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        if (closeStandard) {
+        if (launch.closeStandardDescriptors) {
             close(0);
             close(1);
             close(2);
         }
-        execve(path.c_str(), argv.data(), envp.data());
+        execve(kDaemon, argv.data(), envp.data());
         _exit(127);
     }
     return pid;
@@ -147,27 +139,6 @@ std::vector<Exited> ReapExits(size_t count) {
         }
     }
     return exits;
-}
-
-// Waits for one child by pid; -1 when it did not end in time.
-int WaitForExit(pid_t pid) {
-    auto deadline = Clock::now() + kDeadline;
-    while (Clock::now() < deadline) {
-        int status = 0;
-        pid_t result = waitpid(pid, &status, WNOHANG);
-        if (result == pid) {
-            return status;
-        }
-        if (result == -1) {
-            return -1; // not (or no longer) our child
-        }
-        std::this_thread::sleep_for(kPoll);
-    }
-    return -1;
-}
-
-bool ExitedWith(int status, int code) {
-    return WIFEXITED(status) && WEXITSTATUS(status) == code;
 }
 
 // A signal set from /proc/<pid>/status, such as "SigIgn".
@@ -225,7 +196,7 @@ protected:
     // youngest of the three, so in the sandbox's fresh pid namespace it has
     // the highest pid.
     int RunToExit(const Launch& launch = {}) {
-        Track(Spawn(kDaemon, Argv(launch), launch.extraEnv, launch.closeStandardDescriptors));
+        Track(Spawn(launch));
         std::vector<Exited> exits = ReapExits(3);
         if (exits.size() != 3) {
             ADD_FAILURE() << "only " << exits.size() << " of 3 processes ended";
@@ -242,7 +213,7 @@ protected:
     // the pid file once it has logged its start-up, or -1.
     pid_t StartRunning(const Launch& launch = {}) {
         size_t before = CountInLog(kStarted);
-        Track(Spawn(kDaemon, Argv(launch), launch.extraEnv, launch.closeStandardDescriptors));
+        Track(Spawn(launch));
         std::vector<Exited> exits = ReapExits(2);
         if (exits.size() != 2 || !ExitedWith(exits[0].status, 0) ||
             !ExitedWith(exits[1].status, 0)) {
@@ -268,43 +239,38 @@ protected:
         return pid;
     }
 
-    static std::vector<std::string> Argv(const Launch& launch) {
-        std::vector<std::string> argv{kDaemon};
-        argv.insert(argv.end(), launch.args.begin(), launch.args.end());
-        return argv;
-    }
-
     std::vector<pid_t> m_started;
     static devgw::DevGateway* s_gateway;
 };
 
 devgw::DevGateway* DaemonTest::s_gateway = nullptr;
 
-TEST_F(DaemonTest, MissingSettingsFileFailsConfiguration) {
-    EXPECT_TRUE(ExitedWith(RunToExit(), 1));
-    EXPECT_EQ(LogMessages(), (std::vector<std::string>{kStartLine, "Couldn't load config.dat",
-                                                       "Configuration Failed"}));
-    struct stat info;
-    ASSERT_EQ(stat(kPidPath, &info), 0) << "the pid file is emptied, not removed";
-    EXPECT_EQ(info.st_size, 0);
+// Arguments and environment entries are never read: the settings file is the
+// only configuration.
+TEST_F(DaemonTest, MissingSettingsFileFailsConfigurationWhateverTheArguments) {
+    const std::string elsewhere = "/var/log/other.dat";
+    WriteFile(elsewhere, kGoodSettings);
+    Launch noisy;
+    noisy.args = {"--help", "-c", elsewhere, "--foreground", "stop"};
+    noisy.extraEnv = {"NOTIFY_CONFIG=" + elsewhere, "CONFIG=" + elsewhere, "SXA_HOME=/var/log/",
+                      "INSTALL_PATH=/var/log/", "HOME=/var/log"};
+    for (const Launch& launch : {Launch{}, noisy}) {
+        unlink(kLogPath);
+        EXPECT_TRUE(ExitedWith(RunToExit(launch), 1));
+        EXPECT_EQ(LogMessages(), (std::vector<std::string>{kStartLine, "Couldn't load config.dat",
+                                                           "Configuration Failed"}));
+        struct stat info;
+        ASSERT_EQ(stat(kPidPath, &info), 0) << "the pid file is emptied, not removed";
+        EXPECT_EQ(info.st_size, 0);
+    }
 }
 
+// Which settings count as incomplete is the unit tests'; here the refusal.
 TEST_F(DaemonTest, IncompleteSettingsAreRefused) {
-    const struct {
-        const char* name;
-        const char* settings;
-    } cases[] = {
-        {"no key", "[gateway]\ngatewayip=127.0.0.1\ngatewayport=443\n"},
-        {"empty key", "[gateway]\ngatewayip=127.0.0.1\ngatewaykey=\n"},
-        {"no address", "[gateway]\ngatewayport=443\ngatewaykey=KEY\n"},
-        {"empty file", ""},
-        {"only the transport's keys", "[HTTP]\nGatewayAddress=127.0.0.1:443\nGSK=KEY\n"},
-        {"keys in another section", "[agent]\ngatewayip=127.0.0.1\ngatewaykey=KEY\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const char* settings : {"", "[HTTP]\nGatewayAddress=127.0.0.1:443\nGSK=KEY\n"}) {
+        SCOPED_TRACE(settings);
         unlink(kLogPath);
-        WriteFile(kConfigPath, c.settings);
+        WriteFile(kConfigPath, settings);
         EXPECT_TRUE(ExitedWith(RunToExit(), 1));
         EXPECT_EQ(LogMessages(), (std::vector<std::string>{kStartLine, kIncomplete}));
         EXPECT_EQ(ReadFile(kPidPath), "");
@@ -379,21 +345,22 @@ TEST_F(DaemonTest, StopSignalsEmptyThePidFileAndExitWithOne) {
 }
 
 TEST_F(DaemonTest, PidFileNotNamingAnotherInstanceDoesNotBlock) {
-    pid_t unrelated = Track(Spawn("/bin/sleep", {"sleep", "30"}));
-    pid_t gone = Spawn("/bin/true", {"true"});
+    hosttest::RunningProcess sleeper({"sleep", "30"}, "/bin/sleep");
+    const pid_t unrelated = sleeper.Pid();
+    pid_t gone = fork();
+    if (gone == 0) {
+        _exit(0);
+    }
     ASSERT_TRUE(ExitedWith(WaitForExit(gone), 0));
-    const struct {
-        const char* name;
-        std::string content;
-    } cases[] = {
+    const std::tuple<const char*, std::string> cases[] = {
         {"empty", ""},
         {"live unrelated process", std::to_string(unrelated)},
         {"process gone", std::to_string(gone)},
     };
     WriteFile(kConfigPath, kGoodSettings);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        WriteFile(kPidPath, c.content);
+    for (const auto& [name, content] : cases) {
+        SCOPED_TRACE(name);
+        WriteFile(kPidPath, content);
         pid_t pid = StartRunning();
         ASSERT_GT(pid, 0);
         EXPECT_EQ(ReadFile(kPidPath), std::to_string(pid));
@@ -403,18 +370,9 @@ TEST_F(DaemonTest, PidFileNotNamingAnotherInstanceDoesNotBlock) {
     EXPECT_EQ(kill(unrelated, 0), 0) << "the unrelated process is left alone";
 }
 
-TEST_F(DaemonTest, StartUpsAppendToTheLog) {
+// Start-ups append to the log; every line starts with the local time.
+TEST_F(DaemonTest, StartUpsAppendLinesStampedWithTheLocalTime) {
     WriteFile(kLogPath, "earlier line\n");
-    EXPECT_TRUE(ExitedWith(RunToExit(), 1));
-    EXPECT_TRUE(ExitedWith(RunToExit(), 1));
-    std::vector<std::string> messages = LogMessages();
-    ASSERT_EQ(LogLines().size(), 7u);
-    EXPECT_EQ(LogLines()[0], "earlier line");
-    EXPECT_EQ(CountInLog(kStartLine), 2u);
-    EXPECT_EQ(CountInLog("Configuration Failed"), 2u);
-}
-
-TEST_F(DaemonTest, EveryLineStartsWithTheLocalTime) {
     // A zone half an hour off any whole-hour zone, so UTC cannot pass for it.
     setenv("TZ", "<+0530>-5:30", 1);
     tzset();
@@ -427,55 +385,16 @@ TEST_F(DaemonTest, EveryLineStartsWithTheLocalTime) {
     tzset();
     ASSERT_GT(pid, 0);
     std::vector<std::string> lines = LogLines();
-    ASSERT_EQ(lines.size(), 6u);
-    for (const std::string& line : lines) {
-        ASSERT_TRUE(std::regex_match(line, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \S.*)")))
-            << line;
-        std::string stamp = line.substr(0, kTimePrefixLength - 1);
+    ASSERT_EQ(lines.size(), 7u);
+    EXPECT_EQ(lines[0], "earlier line");
+    EXPECT_EQ(CountInLog(kStartLine), 2u);
+    for (size_t i = 1; i < lines.size(); ++i) {
+        ASSERT_TRUE(
+            std::regex_match(lines[i], std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \S.*)")))
+            << lines[i];
+        std::string stamp = lines[i].substr(0, kTimePrefixLength - 1);
         EXPECT_LE(before, stamp);
         EXPECT_LE(stamp, after);
-    }
-}
-
-TEST_F(DaemonTest, ArgumentsAndEnvironmentChangeNothing) {
-    const std::string elsewhere = "/var/log/other.dat";
-    WriteFile(elsewhere, kGoodSettings);
-    Launch noisy;
-    noisy.args = {"--help", "-c", elsewhere, "--foreground", "stop"};
-    noisy.extraEnv = {"NOTIFY_CONFIG=" + elsewhere, "CONFIG=" + elsewhere, "SXA_HOME=/var/log/",
-                      "INSTALL_PATH=/var/log/", "HOME=/var/log"};
-    const struct {
-        const char* name;
-        const char* settings; // null: no settings file
-        bool keepsRunning;
-    } cases[] = {
-        {"missing file", nullptr, false},
-        {"incomplete", "[gateway]\ngatewayip=127.0.0.1\n", false},
-        {"good", kGoodSettings.c_str(), true},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::vector<std::string> messages[2];
-        int statuses[2];
-        for (int run = 0; run < 2; ++run) {
-            unlink(kLogPath);
-            unlink(kConfigPath);
-            if (c.settings != nullptr) {
-                WriteFile(kConfigPath, c.settings);
-            }
-            const Launch& launch = run == 0 ? Launch{} : noisy;
-            if (c.keepsRunning) {
-                pid_t pid = StartRunning(launch);
-                ASSERT_GT(pid, 0);
-                kill(pid, SIGTERM);
-                statuses[run] = WaitForExit(pid);
-            } else {
-                statuses[run] = RunToExit(launch);
-            }
-            messages[run] = LogMessages();
-        }
-        EXPECT_EQ(messages[0], messages[1]);
-        EXPECT_EQ(statuses[0], statuses[1]);
     }
 }
 
