@@ -1,16 +1,12 @@
 #include "host/CommandText.h"
 
 #include <gtest/gtest.h>
+#include <tuple>
 
 namespace {
 
 TEST(PsLineMatches, ReducesTheFirstWordToTheProgramName) {
-    struct Case {
-        const char* line;
-        const char* name;
-        bool matches;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, const char*, bool> cases[] = {
         {"/usr/sbin/gdm --nodaemon", "gdm", true},
         {"[gdm]", "gdm", true},
         {"[kworker/0:1]", "0:1", true}, // "/" is cut before "[" is
@@ -24,17 +20,13 @@ TEST(PsLineMatches, ReducesTheFirstWordToTheProgramName) {
         {"mdkkdm", "kdm", false},
         {"/usr/bin/X :0 -auth /a/[b]", "X", true},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(vel::PsLineMatches(c.line, c.name), c.matches) << c.line << " / " << c.name;
+    for (const auto& [line, name, matches] : cases) {
+        EXPECT_EQ(vel::PsLineMatches(line, name), matches) << line << " / " << name;
     }
 }
 
 TEST(AuthorityPathFrom, TakesTheWordAfterTheLastAuthOption) {
-    struct Case {
-        const char* line;
-        const char* path;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, const char*> cases[] = {
         {"/usr/bin/X :0 -auth /var/run/xauth/A:0-abc -nolisten tcp", "/var/run/xauth/A:0-abc"},
         {"/usr/lib/xorg/Xorg :0 -auth \t /run/a", "/run/a"},
         {"/usr/bin/X :0 -auth /first\n/usr/bin/X :1 -auth /second -br", "/second"},
@@ -43,8 +35,8 @@ TEST(AuthorityPathFrom, TakesTheWordAfterTheLastAuthOption) {
         {"/usr/bin/X :0 -nolisten tcp", ""},
         {"", ""},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(vel::AuthorityPathFrom(c.line), c.path) << c.line;
+    for (const auto& [line, path] : cases) {
+        EXPECT_EQ(vel::AuthorityPathFrom(line), path) << line;
     }
 }
 

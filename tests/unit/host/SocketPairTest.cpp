@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -108,7 +109,9 @@ TEST(MakeSocketPair, RejectsOneDescriptorForBothEnds) {
     EXPECT_EQ(fcntl(kMessageServerSocket, F_GETFD), -1);
 }
 
-TEST(WriteLengthPrefixed, SendsNativeLengthThenPayloadInOneBlock) {
+// Native length, then the payload; an empty message is its header alone and
+// reads back as a buffer of the padding, zeroed.
+TEST(LengthPrefixed, RoundTripWithPadding) {
     LocalPair pair;
     ASSERT_EQ(vel::WriteLengthPrefixed(pair.fds[0], "hello", 5), 0);
     ASSERT_EQ(vel::WriteLengthPrefixed(pair.fds[0], nullptr, 0), 0);
@@ -116,53 +119,39 @@ TEST(WriteLengthPrefixed, SendsNativeLengthThenPayloadInOneBlock) {
     ASSERT_EQ(recv(pair.fds[1], wire, sizeof wire, MSG_DONTWAIT), 13);
     const unsigned char expected[13] = {5, 0, 0, 0, 'h', 'e', 'l', 'l', 'o', 0, 0, 0, 0};
     EXPECT_EQ(memcmp(wire, expected, sizeof expected), 0);
-}
 
-TEST(WriteLengthPrefixed, RejectsBadLengthsAndReportsErrno) {
-    LocalPair pair;
-    EXPECT_EQ(vel::WriteLengthPrefixed(pair.fds[0], "x", -1), EINVAL);
-    EXPECT_EQ(vel::WriteLengthPrefixed(pair.fds[0], nullptr, 1), EINVAL);
-    EXPECT_EQ(vel::WriteLengthPrefixed(pair.fds[0], "x", vel::kMaxLengthPrefixed + 1), EINVAL);
-    EXPECT_EQ(vel::WriteLengthPrefixed(-1, "x", 1), EBADF);
-}
-
-TEST(ReadLengthPrefixed, ReturnsPayloadWithZeroedPadding) {
-    LocalPair pair;
     ASSERT_EQ(vel::WriteLengthPrefixed(pair.fds[0], "abc", 3), 0);
-    Message message;
+    ASSERT_EQ(vel::WriteLengthPrefixed(pair.fds[0], nullptr, 0), 0);
+    ASSERT_EQ(vel::WriteLengthPrefixed(pair.fds[0], "z", 1), 0);
+    Message message, empty, next;
     Read(pair.fds[1], message, 2);
     ASSERT_EQ(message.result, 0);
     ASSERT_EQ(message.length, 3);
     EXPECT_EQ(std::string(static_cast<char*>(message.data), 5), std::string("abc\0\0", 5));
-}
-
-TEST(ReadLengthPrefixed, ZeroLengthGivesAPaddingSizedBuffer) {
-    LocalPair pair;
-    ASSERT_EQ(vel::WriteLengthPrefixed(pair.fds[0], nullptr, 0), 0);
-    ASSERT_EQ(vel::WriteLengthPrefixed(pair.fds[0], "z", 1), 0);
-    Message empty;
     Read(pair.fds[1], empty, 4);
     ASSERT_EQ(empty.result, 0);
     EXPECT_EQ(empty.length, 0);
     ASSERT_NE(empty.data, nullptr);
     EXPECT_EQ(memcmp(empty.data, "\0\0\0\0", 4), 0);
-    // The empty message consumed only its header.
-    Message next;
-    Read(pair.fds[1], next, 0);
+    Read(pair.fds[1], next, 0); // the empty message took only its header
     EXPECT_EQ(next.Payload(), "z");
 }
 
-TEST(ReadLengthPrefixed, EndOfStreamGivesNineAndNoBuffer) {
+TEST(LengthPrefixed, FailuresAllocateNothing) {
     LocalPair pair;
-    pair.CloseWriter();
-    Message message;
-    Read(pair.fds[1], message, 1);
-    EXPECT_EQ(message.result, 9);
-    EXPECT_EQ(message.data, nullptr);
-}
+    EXPECT_EQ(vel::WriteLengthPrefixed(pair.fds[0], "x", -1), EINVAL);
+    EXPECT_EQ(vel::WriteLengthPrefixed(pair.fds[0], nullptr, 1), EINVAL);
+    EXPECT_EQ(vel::WriteLengthPrefixed(pair.fds[0], "x", vel::kMaxLengthPrefixed + 1), EINVAL);
+    EXPECT_EQ(vel::WriteLengthPrefixed(-1, "x", 1), EBADF);
+    void* data = nullptr;
+    int length = 0;
+    EXPECT_EQ(vel::ReadLengthPrefixed(pair.fds[1], &data, length, -1), EINVAL);
+    EXPECT_EQ(vel::ReadLengthPrefixed(pair.fds[1], nullptr, length, 0), EINVAL);
+    EXPECT_EQ(data, nullptr);
+    Message bad;
+    Read(-1, bad, 0);
+    EXPECT_EQ(bad.result, EBADF);
 
-TEST(ReadLengthPrefixed, RefusesAnOversizedLengthWithoutAllocating) {
-    LocalPair pair;
     for (uint32_t hostile : {0xFFFFFFFFu, static_cast<uint32_t>(vel::kMaxLengthPrefixed) + 1}) {
         ASSERT_EQ(write(pair.fds[0], &hostile, sizeof hostile), 4);
         Message message;
@@ -170,37 +159,24 @@ TEST(ReadLengthPrefixed, RefusesAnOversizedLengthWithoutAllocating) {
         EXPECT_EQ(message.result, EMSGSIZE) << hostile;
         EXPECT_EQ(message.data, nullptr);
     }
-}
-
-TEST(ReadLengthPrefixed, ReportsErrnoAndBadArguments) {
-    Message message;
-    Read(-1, message, 0);
-    EXPECT_EQ(message.result, EBADF);
-    // Bad arguments are refused before anything is read.
-    LocalPair pair;
-    void* data = nullptr;
-    int length = 0;
-    EXPECT_EQ(vel::ReadLengthPrefixed(pair.fds[1], &data, length, -1), EINVAL);
-    EXPECT_EQ(vel::ReadLengthPrefixed(pair.fds[1], nullptr, length, 0), EINVAL);
-    EXPECT_EQ(data, nullptr);
+    pair.CloseWriter();
+    Message ended;
+    Read(pair.fds[1], ended, 1);
+    EXPECT_EQ(ended.result, 9);
+    EXPECT_EQ(ended.data, nullptr);
 }
 
 TEST(IsAuthentic, OnlyAFailedStatOfRootCompares) {
     int open = dup(STDIN_FILENO);
     ASSERT_NE(open, -1);
-    struct Case {
-        const char* user;
-        int fd;
-        bool authentic;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, int, bool> cases[] = {
         {"no-such-user-nd", -1, false},
         {"root", open, false}, // any open descriptor: false
         {"root", -1, true},    // the zeroed record's owner is root
         {"daemon", -1, false},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(vel::IsAuthentic(c.user, c.fd), c.authentic) << c.user << " " << c.fd;
+    for (const auto& [user, fd, authentic] : cases) {
+        EXPECT_EQ(vel::IsAuthentic(user, fd), authentic) << user << " " << fd;
     }
     close(open);
 }
