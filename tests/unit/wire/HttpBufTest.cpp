@@ -1,6 +1,7 @@
 #include <malloc.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -40,17 +41,15 @@ TEST(HttpRequest, HeaderAndBodyAreByteExact) {
 }
 
 TEST(HttpRequest, LengthFieldIsFiveCharactersOrLeftUnpatched) {
-    const struct {
-        int length;
-        const char* field;
-    } cases[] = {{0, "    0"},     {7, "    7"},      {4095, " 4095"},
-                 {99999, "99999"}, {100000, "nnnnn"}, {-10000, "nnnnn"}};
-    for (const auto& c : cases) {
+    const std::tuple<int, const char*> cases[] = {{0, "    0"},      {7, "    7"},
+                                                  {4095, " 4095"},   {99999, "99999"},
+                                                  {100000, "nnnnn"}, {-10000, "nnnnn"}};
+    for (const auto& [length, field] : cases) {
         tagHTTP_BUF buf{};
         int lengthPos = 0;
         const int headerLength = BuildHttpReqHeader(&buf, "h", &lengthPos);
-        SetContentLength(&buf, lengthPos, c.length);
-        EXPECT_EQ(std::string(buf.data + lengthPos, 6), std::string(c.field) + "\n") << c.length;
+        SetContentLength(&buf, lengthPos, length);
+        EXPECT_EQ(std::string(buf.data + lengthPos, 6), std::string(field) + "\n") << length;
         EXPECT_EQ(buf.datalen, headerLength);
         FreeHttpBuf(&buf);
     }
@@ -99,24 +98,21 @@ TEST(HttpBuf, CopyTakesBytesFromTheReadPosition) {
 }
 
 TEST(HttpGetLine, SplitsLinesInPlace) {
-    const struct {
-        const char* text;
-        std::vector<std::string> lines; // until the first "" (no whole line)
-        int finalOffset;
-    } cases[] = {
+    // lines: until the first "" (no whole line)
+    const std::tuple<const char*, std::vector<std::string>, int> cases[] = {
         {"A=1\r\nB=2", {"A=1"}, 5}, {"A=1\nB=2\n", {"A=1", "B=2"}, 8},
         {"\r\nX\n", {"", "X"}, 4},  {"", {}, 0},
         {"no line feed", {}, 0},
     };
-    for (const auto& c : cases) {
-        tagHTTP_BUF buf = BufferOf(c.text);
-        for (const std::string& line : c.lines) {
-            EXPECT_EQ(HttpGetLine(&buf), line) << c.text;
+    for (const auto& [text, lines, finalOffset] : cases) {
+        tagHTTP_BUF buf = BufferOf(text);
+        for (const std::string& line : lines) {
+            EXPECT_EQ(HttpGetLine(&buf), line) << text;
         }
         const char* last = HttpGetLine(&buf);
         ASSERT_NE(last, nullptr);
-        EXPECT_STREQ(last, "") << c.text;
-        EXPECT_EQ(buf.offset, c.finalOffset) << c.text;
+        EXPECT_STREQ(last, "") << text;
+        EXPECT_EQ(buf.offset, finalOffset) << text;
         FreeHttpBuf(&buf);
     }
     tagHTTP_BUF empty{};
@@ -148,15 +144,12 @@ TEST(HttpMatchKeyword, MatchesTheKeyIgnoringCase) {
 }
 
 TEST(MakeMajorMinVerParam, PacksMinorHighMajorLow) {
-    const struct {
-        const char* text;
-        uint32_t packed;
-    } cases[] = {
+    const std::tuple<const char*, uint32_t> cases[] = {
         {"2.5", 0x00050002}, {"0.3", 0x00030001},     {"3", 3},   {"", 1},
         {"1.1", 0x00010001}, {"65536.2", 0x00020001}, {"x.y", 1}, {"10.-1", 0xFFFF000A},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(MakeMajorMinVerParam(c.text), c.packed) << c.text;
+    for (const auto& [text, packed] : cases) {
+        EXPECT_EQ(MakeMajorMinVerParam(text), packed) << text;
     }
     // Only the first 99 characters count: the dot here is beyond them.
     const std::string longText = std::string(98, ' ') + "7.5";
