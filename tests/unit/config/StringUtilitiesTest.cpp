@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -95,11 +96,8 @@ TEST(StringUtilities, TokeniseStringRules) {
 }
 
 TEST(Stristr, FindsTheFirstCaseInsensitiveMatch) {
-    struct Case {
-        const char *haystack, *needle;
-        int offset; // -1: not found
-    };
-    const std::vector<Case> cases = {
+    // offset: -1: not found
+    const std::tuple<const char*, const char*, int> cases[] = {
         {"Content-Length: 5", "content-length", 0},
         {"x: 1\r\nCONTENT-length: 5", "Content-Length", 6},
         {"abc", "", 0},
@@ -108,9 +106,9 @@ TEST(Stristr, FindsTheFirstCaseInsensitiveMatch) {
         {"ab", "abc", -1},
         {"\xC3\x89", "\xC3\xA9", -1}, // bytes above ASCII are not folded
     };
-    for (const auto& c : cases) {
-        const char* expected = c.offset < 0 ? nullptr : c.haystack + c.offset;
-        EXPECT_EQ(stristr(c.haystack, c.needle), expected) << c.haystack << " / " << c.needle;
+    for (const auto& [haystack, needle, offset] : cases) {
+        const char* expected = offset < 0 ? nullptr : haystack + offset;
+        EXPECT_EQ(stristr(haystack, needle), expected) << haystack << " / " << needle;
     }
 }
 
