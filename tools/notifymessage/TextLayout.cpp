@@ -141,6 +141,8 @@ std::vector<std::u32string> WrapText(const std::u32string& text, int width, size
         size_t next;
         if (end == text.size() || text[end] == U'\n') {
             next = end + 1; // past the line break (or the end)
+        } else if (text[end] == U' ') {
+            next = end + 1; // the blank that did not fit is the break
         } else if (lastBlank != std::u32string::npos && lastBlank > pos) {
             end = lastBlank;
             next = lastBlank + 1;
