@@ -30,6 +30,7 @@
 #include "Footprint.h"
 #include "host/ForkProcess.h"
 #include "host/MachineDetails.h"
+#include "host/PipeSubprocess.h"
 
 namespace bench {
 namespace {
@@ -212,12 +213,19 @@ bool Burst(Desk& desk, int count) {
 // as the daemon runs them, one at a time.
 void Steps(Desk& desk, int runs) {
     printf("\n== The notification path's steps, timed one by one (%d runs each)\n", runs);
-    std::vector<double> authority, launch, forkExec, userName, userNameNoLogin;
+    std::vector<double> shell, psAlone, authority, launch, forkExec, userName, userNameNoLogin;
     char idEntry[] = "MESSAGE_ID=1";
     char* entries[] = {idEntry, nullptr};
     for (int i = 0; i < runs; ++i) {
+        // The probe's parts: the shell alone, then the shell and ps.
         std::string text;
         long long t = NowNs();
+        vel::ReadCommandOutput("true", text);
+        shell.push_back(Ms(NowNs() - t));
+        t = NowNs();
+        vel::ReadCommandOutput("ps wax -o cmd", text);
+        psAlone.push_back(Ms(NowNs() - t));
+        t = NowNs();
         vel::GetXAuthority(text);
         authority.push_back(Ms(NowNs() - t));
 
@@ -258,6 +266,8 @@ void Steps(Desk& desk, int runs) {
         vel::GetMachineUserName(text);
         userNameNoLogin.push_back(Ms(NowNs() - t));
     }
+    ReportDistribution("step.popen_shell", "popen of \"true\" (the shell alone)", shell);
+    ReportDistribution("step.popen_ps", "popen of \"ps wax -o cmd\"", psAlone);
     ReportDistribution("step.xauthority", "GetXAuthority (ps | egrep | grep)", authority);
     ReportDistribution("step.forkguiprocess", "ForkGuiProcess -> display program runs", launch);
     ReportDistribution("step.forkexec", "plain fork + exec -> display program runs", forkExec);
