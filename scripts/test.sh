@@ -4,7 +4,7 @@
 # namespaces, which need root), then builds the tests again under
 # AddressSanitizer + UndefinedBehaviorSanitizer and runs the unit tests, builds
 # the integration and end-to-end tests (and the daemon they start) under
-# ThreadSanitizer and runs them, and runs every fuzz target for a few seconds.
+# ThreadSanitizer and runs them, and runs every fuzz target for 5 seconds.
 # Exits non-zero on any failure.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -40,8 +40,9 @@ echo "== ThreadSanitizer build (integration and end-to-end tests, the daemon)"
 # Without -Werror: instrumentation makes GCC warn about code it accepts
 # otherwise; the warning-free build above is the one that holds that line.
 cmake -S . -B build/ci-tsan -DNOTIFY_TSAN=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-make -C build/ci-tsan/tests/integration -j "$jobs" >/dev/null
-make -C build/ci-tsan/tests/e2e -j "$jobs" >/dev/null
+for dir in build/ci-tsan/tests/integration/*/ build/ci-tsan/tests/e2e/*/; do
+    make -C "$dir" -j "$jobs" >/dev/null
+done
 
 echo "== ThreadSanitizer tests (integration, e2e)"
 # The daemon's standard error is /dev/null once it has detached, so every
@@ -49,14 +50,16 @@ echo "== ThreadSanitizer tests (integration, e2e)"
 tsan_reports=$root/build/ci-tsan/reports
 rm -rf "$tsan_reports"
 mkdir -p "$tsan_reports"
+# The burst of 1000 notifications (e2e_faults_burst) is left out here for
+# time: under ThreadSanitizer its 5000 process starts take minutes.
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 log_path=$tsan_reports/tsan" \
-    ctest --test-dir build/ci-tsan -L 'integration|e2e' --output-on-failure -j "$jobs" \
-    --timeout 600
+    ctest --test-dir build/ci-tsan -L 'integration|e2e' -E '^e2e_faults_burst$' \
+    --output-on-failure -j "$jobs" --timeout 600
 if [ -n "$(ls -A "$tsan_reports")" ]; then
     cat "$tsan_reports"/* >&2
     echo "ThreadSanitizer reported the above" >&2
     exit 1
 fi
 
-echo "== fuzz targets (10 s each)"
-scripts/fuzz.sh 10
+echo "== fuzz targets (5 s each)"
+scripts/fuzz.sh 5
