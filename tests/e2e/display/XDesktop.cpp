@@ -275,7 +275,8 @@ std::vector<Window> XDesktop::WindowsOf(pid_t pid) {
     }
     for (unsigned i = 0; i < count; ++i) {
         XWindowAttributes attributes;
-        if (WindowPid(m_display, children[i]) == long(pid) &&
+        const long owner = WindowPid(m_display, children[i]);
+        if ((pid == 0 ? owner > 0 : owner == long(pid)) &&
             XGetWindowAttributes(m_display, children[i], &attributes) &&
             attributes.map_state == IsViewable) {
             found.push_back(children[i]);
@@ -299,6 +300,10 @@ Window XDesktop::WaitForWindow(pid_t pid, int timeoutMs) {
         }
         Sleep();
     }
+}
+
+pid_t XDesktop::PidOf(WindowId window) {
+    return pid_t(WindowPid(m_display, window));
 }
 
 Geometry XDesktop::GeometryOf(Window window) {

@@ -67,9 +67,11 @@ public:
 
     // DISPLAY, XAUTHORITY and XAUTHLOCALHOSTNAME as the daemon sets them.
     std::vector<std::string> XEnvironment() const;
-    // The viewable top-level window of a process, or 0 after the time-out.
+    // The viewable top-level window of a process (pid 0: of any process that
+    // names itself), or 0 after the time-out.
     WindowId WaitForWindow(pid_t pid, int timeoutMs);
     std::vector<WindowId> WindowsOf(pid_t pid);
+    pid_t PidOf(WindowId window); // its _NET_WM_PID, -1 if none
     Geometry GeometryOf(WindowId window);
     bool WaitForGeometry(WindowId window, const std::function<bool(const Geometry&)>& done,
                          int timeoutMs);
