@@ -32,6 +32,10 @@ if(NOTIFY_LOGROTATE_DIR)
   file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles "${NOTIFY_LOGROTATE_DIR}/notifydaemon\n")
 endif()
 
+# cpack packages what has been built and never builds the rest itself, so that
+# it can run beside other work in a build tree (build first, then package).
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME notifydaemon)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
