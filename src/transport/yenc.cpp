@@ -24,12 +24,24 @@ struct DecodeTable {
 
 constexpr DecodeTable kDecode64;
 
+// The two characters of every 12-bit value, so that a group of three bytes
+// takes two look-ups instead of four.
+struct PairTable {
+    char pair[4096][2];
+    constexpr PairTable() : pair{} {
+        for (int i = 0; i < 4096; ++i) {
+            pair[i][0] = kAlphabet64[i >> 6];
+            pair[i][1] = kAlphabet64[i & 63];
+        }
+    }
+};
+
+constexpr PairTable kPairs;
+
 // Four characters for the 24 bits of group.
 inline void EncodeGroup(uint32_t group, char* o) {
-    o[0] = kAlphabet64[(group >> 18) & 63];
-    o[1] = kAlphabet64[(group >> 12) & 63];
-    o[2] = kAlphabet64[(group >> 6) & 63];
-    o[3] = kAlphabet64[group & 63];
+    memcpy(o, kPairs.pair[(group >> 12) & 0xFFF], 2);
+    memcpy(o + 2, kPairs.pair[group & 0xFFF], 2);
 }
 
 // The yEnc shift and the escape set of the data channel.
