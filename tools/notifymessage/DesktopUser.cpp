@@ -63,13 +63,15 @@ bool FindDesktopUser(const char* xauthority, DesktopUser& user, std::string& err
         error = "XAUTHORITY is not set, so the desktop user is unknown";
         return false;
     }
+    // Not followed through a link: whoever owns the link's directory must not
+    // be able to choose whom this program becomes.
     struct stat info;
-    if (stat(xauthority, &info) != 0) {
+    if (lstat(xauthority, &info) != 0) {
         error = std::string("cannot examine the X authority file: ") + strerror(errno);
         return false;
     }
     if (!S_ISREG(info.st_mode)) {
-        error = "the X authority file is not a regular file";
+        error = "the X authority file is not a regular file (links are not followed)";
         return false;
     }
     if (info.st_uid == 0) {

@@ -24,8 +24,8 @@ bool RunningWithRoot();
 // other sockets must not reach a process that the desktop user owns).
 void CloseInheritedDescriptors(int keep);
 
-// The owner of the X authority file. Refused: no path, not a regular file,
-// owned by root, or an owner without an account.
+// The owner of the X authority file. Refused: no path, not a regular file (a
+// symbolic link included), owned by root, or an owner without an account.
 bool FindDesktopUser(const char* xauthority, DesktopUser& user, std::string& error);
 
 // The account this process already runs as (started without root).

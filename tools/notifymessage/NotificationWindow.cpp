@@ -370,7 +370,8 @@ Outcome NotificationView::Run() {
                 }
                 break;
             case ClientMessage:
-                if (event.xclient.format == 32 && Atom(event.xclient.data.l[0]) == m_deleteWindow) {
+                if (event.xclient.message_type == Intern("WM_PROTOCOLS") &&
+                    event.xclient.format == 32 && Atom(event.xclient.data.l[0]) == m_deleteWindow) {
                     return Outcome::Closed;
                 }
                 break;

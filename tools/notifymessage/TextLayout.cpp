@@ -1,5 +1,7 @@
 #include "TextLayout.h"
 
+#include <algorithm>
+
 namespace notifymsg {
 
 namespace {
@@ -129,25 +131,31 @@ std::vector<std::u32string> WrapText(const std::u32string& text, int width, size
     std::vector<std::u32string> lines;
     size_t pos = 0;
     while (pos < text.size() && lines.size() < maxLines) {
-        size_t end = pos;
-        size_t lastBlank = std::u32string::npos;
-        while (end < text.size() && text[end] != U'\n' &&
-               measure(text.substr(pos, end - pos + 1)) <= width) {
-            if (text[end] == U' ') {
-                lastBlank = end;
+        const size_t lineBreak = std::min(text.find(U'\n', pos), text.size());
+        const size_t limit = std::min(lineBreak, pos + kMaxLineCharacters);
+        // The longest run from pos that fits, found by halving: widths only
+        // grow as characters are added, and even characters of no width
+        // (which never overflow) cost a bounded number of measures.
+        size_t fit = pos;
+        size_t over = limit + 1;
+        while (over - fit > 1) {
+            const size_t middle = fit + (over - fit) / 2;
+            if (measure(text.substr(pos, middle - pos)) <= width) {
+                fit = middle;
+            } else {
+                over = middle;
             }
-            ++end;
         }
+        size_t end = fit;
         size_t next;
-        if (end == text.size() || text[end] == U'\n') {
-            next = end + 1; // past the line break (or the end)
-        } else if (text[end] == U' ') {
-            next = end + 1; // the blank that did not fit is the break
-        } else if (lastBlank != std::u32string::npos && lastBlank > pos) {
-            end = lastBlank;
-            next = lastBlank + 1;
+        const size_t blank = fit > pos ? text.rfind(U' ', fit - 1) : std::u32string::npos;
+        if (fit == lineBreak || text[fit] == U' ') {
+            next = fit + 1; // past the line break, the end, or the blank that did not fit
+        } else if (blank != std::u32string::npos && blank > pos) {
+            end = blank;
+            next = blank + 1;
         } else {
-            end = end > pos ? end : pos + 1; // a word (or character) too wide: cut it
+            end = std::max(fit, pos + 1); // a word (or character) too wide: cut it
             next = end;
         }
         std::u32string line = text.substr(pos, end - pos);

@@ -11,6 +11,8 @@ namespace notifymsg {
 
 constexpr char32_t kReplacementCharacter = 0xFFFD;
 constexpr char32_t kEllipsis = 0x2026;
+// No line holds more characters than this, however narrow they are.
+constexpr size_t kMaxLineCharacters = 1024;
 
 // Width of a run of characters in pixels.
 using MeasureText = std::function<int(const std::u32string&)>;

@@ -12,9 +12,10 @@
 // Started as root (as the daemon does), it first closes every inherited
 // descriptor but 0-2 and 60, then becomes the desktop user, the owner of the
 // XAUTHORITY file, for good; only then does it read the logo, open the display
-// or draw any text. If that user cannot be found (XAUTHORITY unset, not a
-// regular file, owned by root, no account) it refuses to run: nothing from the
-// network is ever drawn by root. Started without root it runs as it is.
+// or draw any text. If that user cannot be found (XAUTHORITY unset, a link or
+// not a regular file, owned by root, no account) it refuses to run: nothing
+// from the network is ever drawn by root. Started without root it runs as it
+// is.
 //
 // When the user presses "Acknowledge", one record goes to descriptor 60 in one
 // write: message id, user flags 1, user name length, user name and NUL (padded

@@ -104,7 +104,7 @@ TEST_F(DisplayTest, DaemonShowsAGatewayNotificationAndReportsTheClick) {
     ASSERT_NE(window, 0u);
     const pid_t display = s_desktop->PidOf(window);
     EXPECT_EQ(StatusLine(display, "Uid"), "65534 65534 65534 65534");
-    s_desktop->Save(s_desktop->GeometryOf(window), "daemon-notification.png");
+    SaveWhenDrawn(window, false, "daemon-notification.png");
     devgw::Request receipt;
     ASSERT_TRUE(gateway.WaitForRequest("MESSAGERECEIVED", 5000, &receipt));
     EXPECT_EQ(receipt.Field("ID"), "4711");

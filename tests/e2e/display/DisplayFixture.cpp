@@ -99,6 +99,25 @@ ChannelRead DisplayTest::Read(const DisplayRun& run, int timeoutMs) {
     return result;
 }
 
+bool DisplayTest::WaitUntilDrawn(WindowId window, bool large) {
+    const Geometry place = s_desktop->GeometryOf(window);
+    const notifymsg::Rect button = notifymsg::ButtonRect(place.width, place.height, large);
+    const Geometry part{button.x, button.y, button.width, button.height};
+    const size_t enough = size_t(button.width) * size_t(button.height) / 2;
+    for (int i = 0; i < 250; ++i) {
+        if (s_desktop->Capture(place).CountIn(part, IsButtonFace) > enough) {
+            return true;
+        }
+        usleep(20000);
+    }
+    return false;
+}
+
+Screenshot DisplayTest::SaveWhenDrawn(WindowId window, bool large, const std::string& name) {
+    EXPECT_TRUE(WaitUntilDrawn(window, large)) << name;
+    return s_desktop->Save(s_desktop->GeometryOf(window), name);
+}
+
 void DisplayTest::ClickButton(WindowId window, bool large) {
     const Geometry place = s_desktop->GeometryOf(window);
     const notifymsg::Rect button = notifymsg::ButtonRect(place.width, place.height, large);
@@ -113,6 +132,10 @@ int DisplayTest::ExitStatus(DisplayRun& run, int timeoutMs) {
     }
     run.pid = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool IsButtonFace(uint8_t r, uint8_t g, uint8_t b) {
+    return r == 0x2b && g == 0x63 && b == 0xc6;
 }
 
 std::string ExpectedRecord(int32_t id, int32_t flags, const std::string& user) {

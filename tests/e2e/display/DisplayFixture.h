@@ -42,6 +42,10 @@ protected:
     // server's authority path, an empty value for it removes the entry.
     DisplayRun Launch(const std::map<std::string, std::string>& entries);
     ChannelRead Read(const DisplayRun& run, int timeoutMs = kRecordMs);
+    // Waits (bounded) until the window shows its button.
+    bool WaitUntilDrawn(WindowId window, bool large);
+    // Then saves a screenshot of it under the name.
+    Screenshot SaveWhenDrawn(WindowId window, bool large, const std::string& name);
     // Clicks the middle of the "Acknowledge" button.
     void ClickButton(WindowId window, bool large);
     // Exit status of the run, or -1 if it did not exit in time.
@@ -53,6 +57,7 @@ protected:
 };
 
 // The record the display program must write, built field by field.
+bool IsButtonFace(uint8_t r, uint8_t g, uint8_t b);
 std::string ExpectedRecord(int32_t id, int32_t flags, const std::string& user);
 // A line of /proc/<pid>/status ("Uid", "Gid", "Groups"), without its name.
 std::string StatusLine(pid_t pid, const std::string& name);

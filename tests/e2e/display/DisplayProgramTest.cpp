@@ -15,9 +15,6 @@ namespace {
 
 constexpr const char* kNobodyIds = "65534 65534 65534 65534";
 
-bool IsButtonFace(uint8_t r, uint8_t g, uint8_t b) {
-    return r == 0x2b && g == 0x63 && b == 0xc6;
-}
 bool IsInk(uint8_t r, uint8_t g, uint8_t b) {
     return r < 0x80 && g < 0x80 && b < 0x80;
 }
@@ -53,7 +50,7 @@ TEST_F(DisplayTest, AcknowledgeWritesOneRecordAsTheDesktopUser) {
     EXPECT_EQ(place.x, slot.x);
     EXPECT_EQ(place.y, slot.y);
     EXPECT_EQ(place.width, slot.width);
-    const Screenshot shot = s_desktop->Save(place, "acknowledge.png");
+    const Screenshot shot = SaveWhenDrawn(window, false, "acknowledge.png");
     const notifymsg::Rect button = notifymsg::ButtonRect(place.width, place.height, false);
     EXPECT_GT(shot.CountIn({button.x, button.y, button.width, button.height}, IsButtonFace),
               size_t(button.width * button.height / 2));
@@ -110,7 +107,7 @@ TEST_F(DisplayTest, HostileEnvironmentsStillShowAndAcknowledge) {
         DisplayRun run = Launch(c.entries);
         const WindowId window = s_desktop->WaitForWindow(run.pid, kWindowMs);
         ASSERT_NE(window, 0u);
-        s_desktop->Save(s_desktop->GeometryOf(window), std::string("hostile-") + c.name + ".png");
+        SaveWhenDrawn(window, false, std::string("hostile-") + c.name + ".png");
         ClickButton(window, false);
         EXPECT_EQ(Read(run).bytes, ExpectedRecord(ids.at(c.name), 1, "nobody"));
         EXPECT_EQ(ExitStatus(run), 0);
@@ -142,6 +139,7 @@ TEST_F(DisplayTest, StackedWindowsDoNotOverlap) {
         const WindowId window = s_desktop->WaitForWindow(run.pid, kWindowMs);
         ASSERT_NE(window, 0u);
         places.push_back(s_desktop->GeometryOf(window));
+        EXPECT_TRUE(WaitUntilDrawn(window, false));
     }
     s_desktop->Save({0, 0, kScreenWidth, kScreenHeight}, "stacked.png");
     for (size_t i = 0; i < places.size(); ++i) {
@@ -169,7 +167,7 @@ TEST_F(DisplayTest, FullScreenShrinksAfterItsTimeoutAndStillAcknowledges) {
     EXPECT_EQ(full.y, 0);
     EXPECT_EQ(full.width, kScreenWidth);
     EXPECT_EQ(full.height, kScreenHeight);
-    const Screenshot shot = s_desktop->Save(full, "fullscreen.png");
+    const Screenshot shot = SaveWhenDrawn(window, true, "fullscreen.png");
     const notifymsg::Rect button = notifymsg::ButtonRect(full.width, full.height, true);
     EXPECT_GT(shot.CountIn({button.x, button.y, button.width, button.height}, IsButtonFace),
               size_t(button.width * button.height / 2));
@@ -182,7 +180,7 @@ TEST_F(DisplayTest, FullScreenShrinksAfterItsTimeoutAndStillAcknowledges) {
                    g.height == slot.height;
         },
         6000));
-    s_desktop->Save(s_desktop->GeometryOf(window), "fullscreen-shrunk.png");
+    SaveWhenDrawn(window, false, "fullscreen-shrunk.png");
     ClickButton(window, false);
     EXPECT_EQ(Read(run).bytes, ExpectedRecord(31, 1, "nobody"));
     EXPECT_EQ(ExitStatus(run), 0);
@@ -205,7 +203,7 @@ TEST_F(DisplayTest, LogoIsShownScaledIntoItsBox) {
                              {"LARGE_LOGO_PATH", path}});
     const WindowId window = s_desktop->WaitForWindow(run.pid, kWindowMs);
     ASSERT_NE(window, 0u);
-    const Screenshot shot = s_desktop->Save(s_desktop->GeometryOf(window), "logo.png");
+    const Screenshot shot = SaveWhenDrawn(window, false, "logo.png");
     // Scaled into the 64-pixel box with its aspect: 64 x 32.
     const size_t red = shot.Count(
         [](uint8_t r, uint8_t g, uint8_t b) { return r == 0xd0 && g == 0x10 && b == 0x10; });
@@ -224,10 +222,13 @@ TEST_F(DisplayTest, RefusesToRunAsRootWithoutADesktopUser) {
         out << in.rdbuf();
     }
     chmod(rootOwned.c_str(), 0600);
+    unlink("/run/nd-display/xauth/link");
+    ASSERT_EQ(symlink(kAuthorityPath, "/run/nd-display/xauth/link"), 0);
     const std::vector<std::pair<const char*, std::string>> cases = {
         {"unset", ""},
         {"owned by root", rootOwned},
         {"a directory", "/run/nd-display/xauth"},
+        {"a link to the desktop user's file", "/run/nd-display/xauth/link"},
         {"missing", "/run/nd-display/xauth/none"},
     };
     for (const auto& [name, xauthority] : cases) {
@@ -239,6 +240,7 @@ TEST_F(DisplayTest, RefusesToRunAsRootWithoutADesktopUser) {
         EXPECT_TRUE(Read(run).ended);
     }
     unlink(rootOwned.c_str());
+    unlink("/run/nd-display/xauth/link");
 }
 
 } // namespace
