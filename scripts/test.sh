@@ -33,9 +33,6 @@ echo "== sanitizer tests (unit)"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     ctest --test-dir build/ci-asan -L unit --output-on-failure -j "$jobs" --timeout 300
 
-echo "== all tests"
-ctest --test-dir build/ci --output-on-failure -j "$jobs" --timeout 600
-
 echo "== ThreadSanitizer build (integration and end-to-end tests, the daemon)"
 # Without -Werror: instrumentation makes GCC warn about code it accepts
 # otherwise; the warning-free build above is the one that holds that line.
@@ -63,3 +60,7 @@ fi
 
 echo "== fuzz targets (5 s each)"
 scripts/fuzz.sh 5
+
+# Last, so that the suite's own summary closes the output.
+echo "== all tests"
+ctest --test-dir build/ci --output-on-failure -j "$jobs" --timeout 600
