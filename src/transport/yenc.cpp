@@ -68,9 +68,20 @@ inline void EncodeGroup(uint32_t group, char* o) {
 constexpr unsigned kYencShift = 42;
 constexpr unsigned kYencEscapeShift = 64;
 
-bool NeedsYencEscape(unsigned char c) {
+constexpr bool NeedsYencEscape(unsigned char c) {
     return c == 0x00 || c == 0x09 || c == 0x0A || c == 0x0D || c == 0x2E || c == 0x3D;
 }
+
+struct YencEscapeTable {
+    bool escape[256];
+    constexpr YencEscapeTable() : escape{} {
+        for (int c = 0; c < 256; ++c) {
+            escape[c] = NeedsYencEscape(static_cast<unsigned char>(c));
+        }
+    }
+};
+
+constexpr YencEscapeTable kYencEscapes;
 
 // Unlike assert() this also holds in release builds: a malformed frame must
 // never be decoded past its end.
@@ -169,14 +180,16 @@ extern "C" int yEncode(const unsigned char* src, int n, char** out) {
         return 0;
     }
     char* o = encoded;
+    // Without a branch on the escape (a few in a hundred random bytes, too
+    // irregular to predict): both bytes of an escape are always written, and
+    // the output advances by one or two. At most two bytes per input byte, so
+    // the second write stays inside the block.
     for (int i = 0; i < n; ++i) {
         const unsigned char c = static_cast<unsigned char>(src[i] + kYencShift);
-        if (NeedsYencEscape(c)) {
-            *o++ = '=';
-            *o++ = static_cast<char>(static_cast<unsigned char>(c + kYencEscapeShift));
-        } else {
-            *o++ = static_cast<char>(c);
-        }
+        const bool escape = kYencEscapes.escape[c];
+        o[0] = escape ? '=' : static_cast<char>(c);
+        o[1] = static_cast<char>(static_cast<unsigned char>(c + kYencEscapeShift));
+        o += 1 + escape;
     }
     *o = '\0';
     *out = encoded;
