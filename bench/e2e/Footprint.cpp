@@ -31,24 +31,28 @@ long long StatusField(const std::string& status, const char* key) {
     return at == std::string::npos ? 0 : atoll(status.c_str() + at + label.size());
 }
 
-// utime + stime: fields 14 and 15 of a stat line, counted after the ")" that
-// ends the command name (which may itself hold blanks).
-long long StatTicks(const std::string& stat) {
+// Fields 14 (utime) to 17 (cstime) of a stat line, counted after the ")"
+// that ends the command name (which may itself hold blanks).
+void StatFields(const std::string& stat, long long (&ticks)[4]) {
+    ticks[0] = ticks[1] = ticks[2] = ticks[3] = 0;
     const size_t close = stat.rfind(')');
     if (close == std::string::npos) {
-        return 0;
+        return;
     }
     std::istringstream fields(stat.substr(close + 2));
     std::string field;
-    long long utime = 0, stime = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i == 14) {
-            utime = atoll(field.c_str());
-        } else if (i == 15) {
-            stime = atoll(field.c_str());
+    for (int i = 3; i <= 17 && fields >> field; ++i) {
+        if (i >= 14) {
+            ticks[i - 14] = atoll(field.c_str());
         }
     }
-    return utime + stime;
+}
+
+// utime + stime.
+long long StatTicks(const std::string& stat) {
+    long long ticks[4];
+    StatFields(stat, ticks);
+    return ticks[0] + ticks[1];
 }
 
 double Ms(long long ticks) {
@@ -89,6 +93,12 @@ ProcessSample Sample(pid_t pid) {
     }
     closedir(tasks);
     return sample;
+}
+
+CpuTotals ReadCpuTotals(pid_t pid) {
+    long long ticks[4];
+    StatFields(ReadFile("/proc/" + std::to_string(pid) + "/stat"), ticks);
+    return {Ms(ticks[0] + ticks[1]), Ms(ticks[2] + ticks[3])};
 }
 
 void ReportFootprint(const std::string& title, const std::string& prefix, const ProcessSample& from,

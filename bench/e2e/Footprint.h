@@ -35,6 +35,14 @@ struct PerfCounts {
 
 ProcessSample Sample(pid_t pid);
 
+// CPU time of a process itself, and of the children it has waited for
+// (fields 14 to 17 of /proc/<pid>/stat), in milliseconds.
+struct CpuTotals {
+    double selfMs = 0;
+    double childrenMs = 0;
+};
+CpuTotals ReadCpuTotals(pid_t pid);
+
 // Lets the window pass, with perf counting the process meanwhile if it can.
 PerfCounts IdleWindow(pid_t pid, int seconds);
 
