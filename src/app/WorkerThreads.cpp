@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "app/AppTimings.h"
@@ -57,13 +58,32 @@ bool HandleAcknowledgement(char* record, size_t length) {
     return true;
 }
 
+int HandleAcknowledgements(char* data, size_t length) {
+    int passed = 0;
+    size_t at = 0;
+    while (length - at >= size_t(kMinAcknowledgementSize)) {
+        char* record = data + at;
+        const size_t left = length - at;
+        const void* nul = memchr(record + kUserNameOffset, '\0', left - kUserNameOffset);
+        size_t size = nul != nullptr ? size_t(static_cast<const char*>(nul) - record) + 1 : left;
+        size = std::max(size, size_t(kMinAcknowledgementSize));
+        // HandleAcknowledgement ends the record with a NUL: that byte is the
+        // next record's first, so it is put back.
+        const char next = record[size];
+        passed += HandleAcknowledgement(record, size) ? 1 : 0;
+        record[size] = next;
+        at += size;
+    }
+    return passed;
+}
+
 void* AcknowledgeMain(void*) {
     std::vector<char> buffer(kAcknowledgementBufferSize + 1);
     for (;;) {
         const ssize_t got =
             read(vel::kAcknowledgeClientPort, buffer.data(), size_t(kAcknowledgementBufferSize));
         if (got > 0) {
-            HandleAcknowledgement(buffer.data(), size_t(got));
+            HandleAcknowledgements(buffer.data(), size_t(got));
         } else if (got == 0 || errno != EINTR) {
             SleepSeconds(kReadErrorPauseSeconds);
         }

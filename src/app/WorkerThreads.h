@@ -29,5 +29,11 @@ void* TimerMain(void*);
 // transport as MESSAGEACK when it is long enough, names a displayed
 // notification and carries non-zero flags. True when it was passed on.
 bool HandleAcknowledgement(char* record, size_t length);
+// Every record of one read (`length` bytes, with room for one more). The
+// channel is a byte stream, so records that display programs write at nearly
+// the same time can arrive in one read; each ends with its name's NUL, padded
+// to 16 bytes. A last record without its NUL takes the rest of the read.
+// Returns the number passed on.
+int HandleAcknowledgements(char* data, size_t length);
 // One round of the timer: asks for the customisation file's information.
 void RequestCustomisationInfo();

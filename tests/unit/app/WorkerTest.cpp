@@ -81,6 +81,35 @@ TEST_F(Workers, AcknowledgementsOfDisplayedNotificationsAreReported) {
     EXPECT_FALSE(HandleAcknowledgement(again.data(), again.size() - 1)) << "no transport";
 }
 
+// Display programs acknowledging at nearly the same time: the stream delivers
+// their records in one read (seen in a burst of 1000 notifications, where one
+// acknowledgement never reached the gateway). Every whole record is passed on.
+TEST_F(Workers, RecordsArrivingInOneReadAreEachReported) {
+    std::vector<char> bytes;
+    for (const std::vector<char>& record :
+         {Record(7, 6, "alice"), Record(-2, 6, "bo"), Record(8, 6, "alice"), Record(7, 1, "")}) {
+        bytes.insert(bytes.end(), record.begin(), record.end());
+        if (record.size() < size_t(kMinAcknowledgementSize)) {
+            bytes.resize(bytes.size() + kMinAcknowledgementSize - record.size(), '\0'); // padding
+        }
+    }
+    const std::vector<char> tail = Record(-2, 4, "carol", 16); // name cut by the read
+    bytes.insert(bytes.end(), tail.begin(), tail.end());
+    bytes.push_back('x'); // the reader's spare byte
+    EXPECT_EQ(HandleAcknowledgements(bytes.data(), bytes.size() - 1), 4);
+    EXPECT_EQ(paired.Drain(), Post(kHost, "CMD=MESSAGEACK\nID=7\nUF=6\nUN=alice\n") +
+                                  Post(kHost, "CMD=MESSAGEACK\nID=-2\nUF=6\nUN=bo\n") +
+                                  Post(kHost, "CMD=MESSAGEACK\nID=7\nUF=1\n") +
+                                  Post(kHost, "CMD=MESSAGEACK\nID=-2\nUF=4\nUN=caro\n"));
+
+    // Fewer than 16 bytes left over are no record.
+    std::vector<char> shortTail = Record(7, 6, "alice");
+    shortTail.resize(shortTail.size() + 15, 'z');
+    shortTail.push_back('x');
+    EXPECT_EQ(HandleAcknowledgements(shortTail.data(), shortTail.size() - 1), 1);
+    EXPECT_EQ(paired.Drain(), Post(kHost, "CMD=MESSAGEACK\nID=7\nUF=6\nUN=alice\n"));
+}
+
 TEST_F(Workers, TimerAsksForTheCustomisationLink) {
     RequestCustomisationInfo();
     EXPECT_EQ(paired.Drain(), Post(kHost, "CMD=GETFILEINFO\nLINK=notify-customization.lnk\n"));
