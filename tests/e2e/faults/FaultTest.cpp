@@ -97,15 +97,22 @@ protected:
     // Which of the ids first..first+count-1 lack a display, receipt or
     // acknowledgement.
     std::string Missing(int first, int count) {
+        std::map<int, int> shown, received, acknowledged;
+        for (const DisplayRun& run : DisplayRuns()) {
+            ++shown[atoi(run.Env("MESSAGE_ID").c_str())];
+        }
+        for (const devgw::Request& request : m_gateway->RequestsFor("MESSAGERECEIVED")) {
+            ++received[atoi(request.Field("ID").c_str())];
+        }
+        for (const devgw::Request& request : m_gateway->RequestsFor("MESSAGEACK")) {
+            ++acknowledged[atoi(request.Field("ID").c_str())];
+        }
         std::string text;
         for (int id = first; id < first + count; ++id) {
-            const bool shown = !DisplayRunsFor(id).empty();
-            const size_t received = CountFor("MESSAGERECEIVED", id);
-            const size_t acknowledged = CountFor("MESSAGEACK", id);
-            if (!shown || received != 1 || acknowledged != 1) {
-                text += "id " + std::to_string(id) + ": shown " + std::to_string(shown) +
-                        ", receipts " + std::to_string(received) + ", acknowledgements " +
-                        std::to_string(acknowledged) + "\n";
+            if (shown[id] != 1 || received[id] != 1 || acknowledged[id] != 1) {
+                text += "id " + std::to_string(id) + ": shown " + std::to_string(shown[id]) +
+                        ", receipts " + std::to_string(received[id]) + ", acknowledgements " +
+                        std::to_string(acknowledged[id]) + "\n";
             }
         }
         return text;
