@@ -198,9 +198,25 @@ bool XDesktop::Start(std::string& error) {
         return false;
     }
     // The X sockets and lock files go to /tmp: keep them inside the sandbox.
-    if (mount("nd-display-tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+    // The build tree may itself live under /tmp, so the sandbox's view of the
+    // old /tmp is kept aside and its top folder bound back after the mount.
+    const char* kOldTmp = "/run/nd-display-oldtmp";
+    mkdir(kOldTmp, 0700);
+    if (mount("/tmp", kOldTmp, nullptr, MS_BIND, nullptr) != 0 ||
+        mount("nd-display-tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
         error = std::string("cannot mount a private /tmp: ") + strerror(errno);
         return false;
+    }
+    const std::string buildPath = ND_ARTEFACT_DIR;
+    if (buildPath.rfind("/tmp/", 0) == 0) {
+        const std::string top = buildPath.substr(5, buildPath.find('/', 5) - 5);
+        const std::string target = "/tmp/" + top;
+        mkdir(target.c_str(), 0755);
+        if (mount((std::string(kOldTmp) + "/" + top).c_str(), target.c_str(), nullptr, MS_BIND,
+                  nullptr) != 0) {
+            error = "cannot keep " + target + " reachable: " + strerror(errno);
+            return false;
+        }
     }
     const passwd* user = getpwnam(kDesktopUser);
     if (user == nullptr) {
