@@ -250,8 +250,11 @@ TEST_F(FaultTest, GatewayRestartedWhileTheDaemonRuns) {
 TEST_F(FaultTest, DisplayProgramMissing) {
     unlink(kDisplayPath);
     ASSERT_TRUE(m_gateway->SendRaw(NotificationBytes(701, "nobody shows this")));
-    // The receipt is reported even though nothing could be shown.
+    // The receipt is reported even though nothing could be shown; the
+    // launcher's child logs its failed exec.
     ASSERT_TRUE(WaitUntil([&] { return CountFor("MESSAGERECEIVED", 701) == 1; }, kWaitMs));
+    ASSERT_TRUE(
+        WaitUntil([] { return CountInLog("Error launching child process") == 1; }, kWaitMs));
     EXPECT_TRUE(Alive());
 
     InstallDisplayProgram(ReadFile(kStub));
@@ -263,11 +266,25 @@ TEST_F(FaultTest, DisplayProgramMissing) {
 }
 
 TEST_F(FaultTest, DisplayProgramCrashing) {
-    InstallDisplayProgram("#!/bin/sh\nkill -SEGV $$\n");
+    // Each run leaves a mark (not a display record) before it crashes.
+    InstallDisplayProgram(std::string("#!/bin/sh\n: > ") + kRecordDir +
+                          "/crashed-$MESSAGE_ID\nkill -SEGV $$\n");
     for (int id = 801; id <= 805; ++id) {
         ASSERT_TRUE(m_gateway->SendRaw(NotificationBytes(id, "crash")));
     }
     ASSERT_TRUE(WaitUntil([&] { return CountFor("MESSAGERECEIVED", 805) == 1; }, kWaitMs));
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            for (int id = 801; id <= 805; ++id) {
+                if (access((std::string(kRecordDir) + "/crashed-" + std::to_string(id)).c_str(),
+                           F_OK) != 0) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        kWaitMs))
+        << "every crashing display program ran";
     EXPECT_TRUE(WaitUntil([&] { return ZombieChildren(m_daemon) == 0; }, kWaitMs))
         << "crashed display programs are reaped";
     EXPECT_TRUE(m_gateway->RequestsFor("MESSAGEACK").empty());
