@@ -142,6 +142,7 @@ int CTL_HTTP_CONNECTION::TryToConnectLocked() {
         }
     }
     m_use_count = 1;
+    ++m_opened;
     m_socket = s;
     return 0;
 }

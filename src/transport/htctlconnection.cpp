@@ -137,25 +137,45 @@ void CTL_HTTP_CONNECTION::CloseSocket(int socket, bool shutdownFirst) {
 }
 
 void CTL_HTTP_CONNECTION::Disconnect() {
+    if (ReleaseUse() && m_pCTL != nullptr) {
+        m_pCTL->OnDisconnected(*this);
+    }
+}
+
+void CTL_HTTP_CONNECTION::DisconnectOpened(unsigned opened) {
+    bool closed;
+    {
+        // No socket can be opened while this is held, so the check holds
+        // until the use is released.
+        std::lock_guard<std::mutex> opening(m_connect_lock);
+        if (m_opened.load() != opened) {
+            return;
+        }
+        closed = ReleaseUse();
+    }
+    if (closed && m_pCTL != nullptr) {
+        m_pCTL->OnDisconnected(*this); // takes the transport's locks: outside m_connect_lock
+    }
+}
+
+bool CTL_HTTP_CONNECTION::ReleaseUse() {
     if (m_socket.load() == -1) {
-        return;
+        return false;
     }
     unsigned count = m_use_count.load();
     do {
         if (count == 0) {
-            return;
+            return false;
         }
     } while (!m_use_count.compare_exchange_weak(count, count - 1));
     if (count != 1) {
-        return;
+        return false;
     }
     const int s = m_socket.exchange(-1);
     if (s != -1) {
         CloseSocket(s, true);
     }
-    if (m_pCTL != nullptr) {
-        m_pCTL->OnDisconnected(*this);
-    }
+    return true;
 }
 
 struct CTL_HTTP_CONNECTION::FinishedSignal {

@@ -57,6 +57,12 @@ public:
     int Read(tagHTTP_BUF& buf);
     bool IsReadable();
     void Disconnect();
+    // How many sockets this link has opened. The read loop notes it before a
+    // read so that a failed read is never blamed on a socket that another
+    // user opened meanwhile (Disconnect would close that fresh link).
+    unsigned OpenedCount() const { return m_opened.load(); }
+    // Disconnect, unless a socket has been opened since `opened` was noted.
+    void DisconnectOpened(unsigned opened);
     void Shutdown();
     void InitReadThread();
     static void* ReadThreadFunc(void* connection);
@@ -125,6 +131,8 @@ private:
     struct FinishedSignal;
 
     int TryToConnectLocked(); // with m_connect_lock held
+    // Disconnect without telling the owner; true when the socket closed.
+    bool ReleaseUse();
     void CloseSocket(int socket, bool shutdownFirst);
     void StoreGatewayTarget(const in_addr& gateway, int gatewayPort, const in_addr& proxy,
                             int proxyPort);
@@ -132,6 +140,7 @@ private:
 
     mutable std::shared_mutex m_fd_lock;
     std::mutex m_connect_lock;
+    std::atomic<unsigned> m_opened{0}; // raised under m_connect_lock
     std::shared_ptr<ReadThreadState> m_thread_state;
 };
 

@@ -95,6 +95,8 @@ void CHTCTL::ReadThread(CTL_HTTP_CONNECTION& connection) {
             lastCheck = now + uint32_t(interval);
             CheckConnection(connection);
         }
+        // Noted first: what this pass reads comes from this socket or a later one.
+        const unsigned opened = connection.OpenedCount();
         if (!connection.IsConnected()) {
             receive.Clear(); // nothing of a lost link may prefix the next one's data
             SleepMs(gTransportTimings.m_idleSleepMs.load());
@@ -110,7 +112,7 @@ void CHTCTL::ReadThread(CTL_HTTP_CONNECTION& connection) {
             continue;
         }
         if (!receive.EnsureRoom()) {
-            connection.Disconnect();
+            connection.DisconnectOpened(opened);
             receive.Clear();
             continue;
         }
@@ -119,7 +121,7 @@ void CHTCTL::ReadThread(CTL_HTTP_CONNECTION& connection) {
             buf.data[buf.datalen] = '\0';
             while (!connection.m_quit && MessagePending(buf, connection)) {
                 if (!ProcessMessage(buf, connection)) {
-                    connection.Disconnect();
+                    connection.DisconnectOpened(opened);
                     receive.Clear();
                     break;
                 }
@@ -130,8 +132,9 @@ void CHTCTL::ReadThread(CTL_HTTP_CONNECTION& connection) {
         } else {
             // An error, or the gateway closed the link (readable with nothing
             // to read): either way the link is gone, and leaving it open would
-            // spin here for ever.
-            connection.Disconnect();
+            // spin here for ever. A socket that another user has opened since
+            // (after closing this one) is not this failure's to close.
+            connection.DisconnectOpened(opened);
         }
     }
 }

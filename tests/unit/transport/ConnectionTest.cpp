@@ -1,5 +1,8 @@
 #include <arpa/inet.h>
 #include <errno.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <string>
 #include <tuple>
@@ -116,6 +119,33 @@ TEST(Connection, SocketClosesAtTheLastUsersDisconnect) {
     EXPECT_EQ(link.m_use_count, 0u);
     char c;
     EXPECT_EQ(recv(paired.peer, &c, 1, 0), 0); // the peer sees the close
+}
+
+// The read loop's failed read on a socket that another user has since closed
+// and reopened must not close the fresh link (it once cut an add-domain
+// request off before it was sent).
+TEST(Connection, StaleReadFailureLeavesAReopenedSocketOpen) {
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener, 4), 0);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    const std::string target = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+
+    CTL_HTTP_CONNECTION link(target.c_str(), "k", nullptr, nullptr);
+    ASSERT_EQ(link.TryToConnect(), 0);
+    const unsigned readFrom = link.OpenedCount();
+    link.Disconnect();                 // another user closes ...
+    ASSERT_EQ(link.TryToConnect(), 0); // ... and reopens (often on the same descriptor)
+    link.DisconnectOpened(readFrom);
+    EXPECT_TRUE(link.IsConnected());
+    EXPECT_EQ(link.m_use_count, 1u);
+    link.DisconnectOpened(link.OpenedCount());
+    EXPECT_FALSE(link.IsConnected());
+    close(listener);
 }
 
 TEST(KeepAlive, DueComparisonWrapsUnsigned) {
