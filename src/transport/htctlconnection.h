@@ -4,9 +4,10 @@
 // guards the keep-alive deadline, the resolved addresses and the server
 // version; m_fd_lock is held shared while the socket is in use and exclusively
 // to close it, so a descriptor is never closed (and reused) under a thread
-// still working on it; m_connect_lock serialises opening the socket. The
-// fields read without a lock are atomics. Order: the transport's
-// connection-list lock, then m_lock, then sendCritical, then m_fd_lock.
+// still working on it; m_connect_lock serialises opening the socket (and the
+// read loop's check that no socket was opened since its read). The fields read
+// without a lock are atomics. Order: the transport's connection-list lock,
+// then m_connect_lock, then m_lock, then sendCritical, then m_fd_lock.
 #pragma once
 
 #include <netinet/in.h>
