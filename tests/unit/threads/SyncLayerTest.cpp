@@ -69,13 +69,11 @@ TEST(EventWaitDeadline, MillisecondsCountAsThousandsOfSeconds) {
 }
 
 TEST(Interlocked, ReturnsNewValueOrPriorValue) {
-    LONG x = 5;
-    EXPECT_EQ(InterlockedIncrement(&x), 6);
-    EXPECT_EQ(InterlockedDecrement(&x), 5);
-    EXPECT_EQ(InterlockedExchange(&x, 9), 5);
-    EXPECT_EQ(x, 9);
-    x = INT32_MAX;
+    LONG x = INT32_MAX;
     EXPECT_EQ(InterlockedIncrement(&x), INT32_MIN); // wraps, no overflow trap
+    EXPECT_EQ(InterlockedDecrement(&x), INT32_MAX);
+    EXPECT_EQ(InterlockedExchange(&x, 9), INT32_MAX);
+    EXPECT_EQ(x, 9);
 }
 
 DWORD ReportAndLeave(LPVOID started) {

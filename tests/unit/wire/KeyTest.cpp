@@ -1,6 +1,5 @@
 #include <stdlib.h>
 
-#include <algorithm>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -49,15 +48,6 @@ TEST(MD5, Rfc1321TestSuite) {
         unsigned char digest[16];
         vel::MD5Digest(text.data(), text.size(), digest);
         EXPECT_EQ(Hex(digest, 16), expected) << text;
-        // Fed in uneven pieces the digest is the same.
-        for (size_t piece : {1u, 63u, 65u}) {
-            vel::MD5 md5;
-            for (size_t at = 0; at < text.size(); at += piece) {
-                md5.Update(text.data() + at, std::min(piece, text.size() - at));
-            }
-            md5.Final(digest);
-            EXPECT_EQ(Hex(digest, 16), expected) << text << " in pieces of " << piece;
-        }
     }
 }
 
