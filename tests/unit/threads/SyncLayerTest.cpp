@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
-#include <stdint.h>
 
 #include <chrono>
 #include <future>
@@ -66,14 +65,6 @@ TEST(EventWaitDeadline, MillisecondsCountAsThousandsOfSeconds) {
     for (const auto& [milliseconds, deadline] : cases) {
         EXPECT_EQ(EventWaitDeadline(1000, milliseconds), deadline) << milliseconds;
     }
-}
-
-TEST(Interlocked, ReturnsNewValueOrPriorValue) {
-    LONG x = INT32_MAX;
-    EXPECT_EQ(InterlockedIncrement(&x), INT32_MIN); // wraps, no overflow trap
-    EXPECT_EQ(InterlockedDecrement(&x), INT32_MAX);
-    EXPECT_EQ(InterlockedExchange(&x, 9), INT32_MAX);
-    EXPECT_EQ(x, 9);
 }
 
 DWORD ReportAndLeave(LPVOID started) {
