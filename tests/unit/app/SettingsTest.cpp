@@ -34,14 +34,6 @@ struct SettingsTest : testing::Test {
     vel::Preferences* prefs = vel::Preferences::getInstance();
 };
 
-TEST_F(SettingsTest, MissingFileIsReported) {
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(Configure());
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find(" Couldn't load config.dat\n"), std::string::npos) << err;
-    EXPECT_EQ(Get("Client", "Protocols"), "") << "nothing is derived";
-}
-
 // Transport keys derived from [gateway] (overwriting the file's own), and
 // completeness judged on the raw gateway keys.
 TEST_F(SettingsTest, TransportKeysAreDerivedFromTheGatewaySection) {
