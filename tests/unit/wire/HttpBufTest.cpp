@@ -2,7 +2,6 @@
 
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -58,25 +57,15 @@ TEST(HttpBuf, AppendsStayExactAndTerminated) {
     FreeHttpBuf(&buf);
 }
 
-TEST(HttpGetLine, SplitsLinesInPlace) {
-    // Text, its whole lines, the offset after them.
-    const std::tuple<const char*, std::vector<std::string>, int> cases[] = {
-        {"A=1\r\nB=2", {"A=1"}, 5},
-        {"\r\nX\n", {"", "X"}, 4},
-        {"no line feed", {}, 0},
-    };
-    for (const auto& [text, lines, finalOffset] : cases) {
-        tagHTTP_BUF buf{};
-        CopyToHttpBuf(&buf, text);
-        for (const std::string& line : lines) {
-            EXPECT_EQ(HttpGetLine(&buf), line) << text;
-        }
-        EXPECT_STREQ(HttpGetLine(&buf), "") << text << ": no whole line left";
-        EXPECT_EQ(buf.offset, finalOffset) << text;
-        FreeHttpBuf(&buf);
+TEST(HttpGetLine, SplitsLinesInPlaceUpToTheLastWholeOne) {
+    tagHTTP_BUF buf{};
+    EXPECT_STREQ(HttpGetLine(&buf), "");
+    CopyToHttpBuf(&buf, "A=1\r\n\r\nX\nno line feed");
+    for (const char* line : {"A=1", "", "X", ""}) {
+        EXPECT_STREQ(HttpGetLine(&buf), line);
     }
-    tagHTTP_BUF empty{};
-    EXPECT_STREQ(HttpGetLine(&empty), "");
+    EXPECT_EQ(buf.offset, 9); // the last "" is no whole line: nothing consumed
+    FreeHttpBuf(&buf);
 }
 
 TEST(HttpMatchKeyword, MatchesTheKeyIgnoringCase) {
@@ -95,7 +84,7 @@ TEST(HttpMatchKeyword, MatchesTheKeyIgnoringCase) {
 }
 
 TEST(MakeMajorMinVerParam, PacksMinorHighMajorLow) {
-    const std::tuple<std::string, uint32_t> cases[] = {
+    const std::tuple<const char*, uint32_t> cases[] = {
         {"2.5", 0x00050002},
         {"3", 3},
         {"", 1},
@@ -103,11 +92,13 @@ TEST(MakeMajorMinVerParam, PacksMinorHighMajorLow) {
         {"65536.2", 0x00020001},
         {"x.y", 1},
         {"10.-1", 0xFFFF000A},
-        {std::string(98, ' ') + "7.5", 7}, // only 99 characters count: the dot is beyond them
+        {"1.1", 0x00010001},
     };
     for (const auto& [text, packed] : cases) {
-        EXPECT_EQ(MakeMajorMinVerParam(text.c_str()), packed) << text;
+        EXPECT_EQ(MakeMajorMinVerParam(text), packed) << text;
     }
+    // Only the first 99 characters count: the dot here is beyond them.
+    EXPECT_EQ(MakeMajorMinVerParam((std::string(98, ' ') + "7.5").c_str()), 7u);
 }
 
 } // namespace
