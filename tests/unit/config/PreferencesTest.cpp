@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
-#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -56,24 +54,6 @@ TEST(Preferences, IntegerConversions) {
     vel::Preferences prefs;
     prefs.setConfigInt("S", "k", INT_MIN);
     EXPECT_EQ(prefs.getConfigString("S", "k"), "-2147483648");
-}
-
-// Bytes are copied without a terminator, zero-padded; printing leaves out
-// empty values and sections without keys.
-TEST(Preferences, BytesAndPrinting) {
-    vel::Preferences prefs;
-    prefs.setConfigString("A", "x", "xy");
-    prefs.setConfigString("A", "y", "");
-    prefs.removeConfig("Empty", "k");
-    prefs.setConfigString("B", "", "blank key");
-    char buffer[6] = {'z', 'z', 'z', 'z', 'z', 'z'};
-    EXPECT_EQ(prefs.getConfigBytes("A", "x", buffer, 1), 1);
-    EXPECT_EQ(prefs.getConfigBytes("a", "x", buffer + 1, 4), 2);
-    EXPECT_EQ(prefs.getConfigBytes("A", "x", buffer, 0), 0); // writes nothing
-    EXPECT_EQ(std::string(buffer, 6), std::string("xxy\0\0z", 6));
-    std::ostringstream out;
-    out << prefs;
-    EXPECT_EQ(out.str(), "[A]\nx=xy\n\n[B]\n=blank key\n\n");
 }
 
 } // namespace
