@@ -1,7 +1,9 @@
-// The display program's input (environment entries) and output (the
-// acknowledgement record, byte for byte).
+// The display program's input (environment entries, the logo file), its
+// output (the acknowledgement record, byte for byte) and the text wrapping.
 #include "Acknowledgement.h"
+#include "LogoImage.h"
 #include "NotificationRequest.h"
+#include "TextLayout.h"
 
 #include <gtest/gtest.h>
 
@@ -18,96 +20,110 @@ const char* FakeLookup(const char* name) {
     return it != gEnvironment.end() ? it->second.c_str() : nullptr;
 }
 
-NotificationRequest Read(const std::map<std::string, std::string>& entries) {
-    gEnvironment = entries;
-    return ReadNotificationRequest(FakeLookup);
+// The request as one line; long texts by their length.
+std::string Describe(const NotificationRequest& r) {
+    auto text = [](const std::string& t) { return t.size() > 16 ? std::to_string(t.size()) : t; };
+    return text(r.caption) + "|" + text(r.message) + "|" +
+           (r.messageId ? std::to_string(*r.messageId) : "none") + "|" +
+           std::to_string(r.timeoutSeconds) + "|" + std::to_string(r.windowOrder) + "|" +
+           std::to_string(r.fullscreen) + "|" + std::to_string(r.fullscreenSeconds) + "|" +
+           text(r.logoPath);
 }
 
-TEST(ParseInteger, AcceptsWholeDecimalNumbersOnly) {
-    const std::map<std::string, std::optional<long long>> cases = {
-        {"0", 0},
-        {"42", 42},
-        {" 17 ", 17},
-        {"-5", -5},
-        {"+8", 8},
-        {"", std::nullopt},
-        {" ", std::nullopt},
-        {"12abc", std::nullopt},
-        {"0x10", std::nullopt},
-        {"- 5", std::nullopt},
-        {"\n5", std::nullopt},
-        {"99999999999999999999", std::nullopt}};
-    for (const auto& [text, expected] : cases) {
-        EXPECT_EQ(ParseInteger(text), expected) << '"' << text << '"';
+TEST(NotificationRequest, EntriesAreReadBoundedOrFallBackSafely) {
+    const std::string longText(kMaxMessageBytes + 9, 'm');
+    const std::pair<std::map<std::string, std::string>, std::string> cases[] = {
+        {{}, "||none|0|0|0|0|"},
+        {{{"MESSAGE", "hello"},
+          {"CAPTION", "Notice"},
+          {"MESSAGE_ID", " -12 "},
+          {"TIMEOUT", "+30"},
+          {"WINDOW_ORDER", "13"},
+          {"FULLSCREEN", "1"},
+          {"FULLSCREEN_TIMEOUT", "99999999"},
+          {"LARGE_LOGO_PATH", "/usr/sxa/l.ppm"}},
+         "Notice|hello|-12|30|3|1|604800|/usr/sxa/l.ppm"},
+        {{{"MESSAGE", longText}, {"CAPTION", longText}, {"LARGE_LOGO_PATH", longText}},
+         "1024|65536|none|0|0|0|0|"},
+        {{{"MESSAGE_ID", "2147483648"},
+          {"TIMEOUT", "-4"},
+          {"WINDOW_ORDER", "-1"},
+          {"FULLSCREEN", "yes"},
+          {"FULLSCREEN_TIMEOUT", "0x10"}},
+         "||none|0|0|0|0|"},
+        {{{"MESSAGE_ID", "12abc"}, {"TIMEOUT", "\n5"}, {"FULLSCREEN_TIMEOUT", "- 5"}},
+         "||none|0|0|0|0|"},
+        {{{"MESSAGE_ID", ""}, {"TIMEOUT", "99999999999999999999"}}, "||none|0|0|0|0|"},
+    };
+    for (const auto& [entries, expected] : cases) {
+        gEnvironment = entries;
+        EXPECT_EQ(Describe(ReadNotificationRequest(FakeLookup)), expected);
     }
-}
-
-TEST(NotificationRequest, MissingEntriesGiveAPlainWindowWithNothingToAcknowledge) {
-    const NotificationRequest request = Read({});
-    EXPECT_EQ(request.caption, "");
-    EXPECT_EQ(request.message, "");
-    EXPECT_FALSE(request.messageId);
-    EXPECT_EQ(request.timeoutSeconds, 0);
-    EXPECT_EQ(request.windowOrder, 0);
-    EXPECT_FALSE(request.fullscreen);
-    EXPECT_EQ(request.fullscreenSeconds, 0);
-    EXPECT_EQ(request.logoPath, "");
-}
-
-TEST(NotificationRequest, EntriesAreReadAndBounded) {
-    const NotificationRequest request = Read({{"MESSAGE", std::string(kMaxMessageBytes + 9, 'm')},
-                                              {"CAPTION", std::string(5000, 'c')},
-                                              {"MESSAGE_ID", "-12"},
-                                              {"TIMEOUT", "30"},
-                                              {"WINDOW_ORDER", "13"},
-                                              {"FULLSCREEN", "1"},
-                                              {"FULLSCREEN_TIMEOUT", "99999999"},
-                                              {"LARGE_LOGO_PATH", "/usr/sxa/logo.ppm"}});
-    EXPECT_EQ(request.message.size(), kMaxMessageBytes);
-    EXPECT_EQ(request.caption.size(), kMaxCaptionBytes);
-    EXPECT_EQ(request.messageId, -12);
-    EXPECT_EQ(request.timeoutSeconds, 30);
-    EXPECT_EQ(request.windowOrder, 3);
-    EXPECT_TRUE(request.fullscreen);
-    EXPECT_EQ(request.fullscreenSeconds, kMaxTimeoutSeconds);
-    EXPECT_EQ(request.logoPath, "/usr/sxa/logo.ppm");
-}
-
-TEST(NotificationRequest, OddValuesFallBackSafely) {
-    const NotificationRequest request = Read({{"MESSAGE_ID", "2147483648"},
-                                              {"TIMEOUT", "-4"},
-                                              {"WINDOW_ORDER", "-1"},
-                                              {"FULLSCREEN", "yes"},
-                                              {"FULLSCREEN_TIMEOUT", "soon"},
-                                              {"LARGE_LOGO_PATH", std::string(5000, 'p')}});
-    EXPECT_FALSE(request.messageId);
-    EXPECT_EQ(request.timeoutSeconds, 0);
-    EXPECT_EQ(request.windowOrder, 0);
-    EXPECT_FALSE(request.fullscreen);
-    EXPECT_EQ(request.fullscreenSeconds, 0);
-    EXPECT_EQ(request.logoPath, "");
 }
 
 TEST(Acknowledgement, RecordIsByteExactAndAtLeastSixteenBytes) {
     const struct {
         int32_t id;
-        int32_t flags;
         std::string name;
         std::string bytes;
     } cases[] = {
-        {4242, 1, "alice", std::string("\x92\x10\0\0\x01\0\0\0\x05\0\0\0alice\0", 18)},
-        {-1, 1, "al", std::string("\xff\xff\xff\xff\x01\0\0\0\x02\0\0\0al\0\0", 16)},
-        {7, 1, "", std::string("\x07\0\0\0\x01\0\0\0\0\0\0\0\0\0\0\0", 16)},
-        {7, 1, std::string("ab\0cd", 5), std::string("\x07\0\0\0\x01\0\0\0\x02\0\0\0ab\0\0", 16)},
+        {4242, "alice", std::string("\x92\x10\0\0\x01\0\0\0\x05\0\0\0alice\0", 18)},
+        {-1, "al", std::string("\xff\xff\xff\xff\x01\0\0\0\x02\0\0\0al\0\0", 16)},
+        {7, std::string("ab\0cd", 5), std::string("\x07\0\0\0\x01\0\0\0\x02\0\0\0ab\0\0", 16)},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(BuildAcknowledgement(c.id, c.flags, c.name), c.bytes) << c.name;
+        EXPECT_EQ(BuildAcknowledgement(c.id, 1, c.name), c.bytes) << c.name;
     }
-    const std::string longName(1000, 'n');
-    const std::string record = BuildAcknowledgement(1, 1, longName);
+    const std::string record = BuildAcknowledgement(1, 1, std::string(1000, 'n'));
     EXPECT_EQ(record.size(), 12 + kMaxUserNameBytes + 1);
     EXPECT_EQ(record.substr(8, 4), std::string("\xff\0\0\0", 4));
-    EXPECT_EQ(record.back(), '\0');
+}
+
+// Huge texts must not stall the window: lines and measurements stay bounded.
+TEST(WrapText, StaysBoundedOnHugeInput) {
+    int calls = 0;
+    const MeasureText counting = [&](const std::u32string& s) {
+        ++calls;
+        return int(s.size()) * 10;
+    };
+    EXPECT_EQ(WrapText(U"one two three", 80, 5, counting),
+              (std::vector<std::u32string>{U"one two", U"three"}));
+    calls = 0;
+    const auto lines = WrapText(std::u32string(60000, U'x'), 400, 4, counting);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines.back().back(), kEllipsis);
+    EXPECT_LT(calls, 100);
+    // Characters of no width never overflow; lines are still bounded.
+    const auto invisible =
+        WrapText(std::u32string(60000, U'\u200b'), 400, 3, [](const std::u32string&) { return 0; });
+    ASSERT_EQ(invisible.size(), 3u);
+    EXPECT_EQ(invisible[0].size(), kMaxLineCharacters);
+}
+
+TEST(Netpbm, RefusesWhatItCannotRead) {
+    auto ppm = [](const std::string& header, size_t samples) {
+        return header + std::string(samples, '\x80');
+    };
+    const std::string bad[] = {"",
+                               "P3 1 1 255 1 2 3",
+                               "\x89PNG\r\n",
+                               ppm("P6 2 2 255\n", 11),
+                               ppm("P6 0 1 255\n", 3),
+                               ppm("P6 5000 1 255\n", 15000),
+                               ppm("P6 1 1 0\n", 3),
+                               ppm("P6 1 1 65536\n", 6),
+                               "P6 1 1 255",
+                               ppm("P6 1 1 255x", 3),
+                               ppm("P6 1 999999 255\n", 3)};
+    for (const std::string& data : bad) {
+        RgbImage image;
+        std::string error;
+        EXPECT_FALSE(ParseNetpbm(data, image, error)) << data.substr(0, 16);
+    }
+    RgbImage image;
+    std::string error;
+    ASSERT_TRUE(ParseNetpbm("P6\n# comment\n2 1\n255\n\x01\x02\x03\x04\x05\x06", image, error));
+    EXPECT_EQ(image.rgb, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
 }
 
 } // namespace
