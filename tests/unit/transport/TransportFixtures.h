@@ -1,7 +1,6 @@
-// Helpers of the transport tests: a settings callback (its own lock makes it
-// safe on the transport's read threads) and a link whose socket is one end of
-// a socket pair, so what the transport writes can be read back and a dropped
-// link seen.
+// Helpers of the transport tests: a settings callback that records every
+// event (its own lock makes it safe on read threads), links whose socket is
+// one end of a socket pair, and a created transport owning such a link.
 #pragma once
 
 #include <arpa/inet.h>
@@ -19,30 +18,40 @@
 
 namespace transport_test {
 
-// Answers codes 7 and 8 from maps (absent text: left empty; absent integer:
-// the default) and records every callback. Fill the maps before the
-// transport runs threads.
+// What a code-1 callback carried, copied while it was valid.
+struct Delivered {
+    int session = 0;
+    std::string addr, data, sender;
+    int messageid = 0;
+};
+
+// Answers codes 7 and 8 from maps (absent: empty text, the default integer)
+// and records every callback. Fill the maps before the transport runs threads.
 struct FakeSettings {
     std::mutex mutex;
     std::map<std::pair<std::string, std::string>, std::string> text;
     std::map<std::pair<std::string, std::string>, int> integers;
     std::vector<std::pair<int, CTL_CALLBACK>> events; // pointers in them are stale
-    std::vector<std::string> asked;                   // section/key of codes 7 and 8
+    std::vector<Delivered> delivered;                 // code 1
 
     static int Callback(int code, void* cbdata, CTL_CALLBACK* cb) {
         auto* self = static_cast<FakeSettings*>(cbdata);
         std::lock_guard<std::mutex> lock(self->mutex);
         self->events.emplace_back(code, *cb);
         if (code == kCtlConfigString) {
-            self->asked.push_back(std::string(cb->configstr.section) + "/" + cb->configstr.key);
             auto it = self->text.find({cb->configstr.section, cb->configstr.key});
             if (it != self->text.end()) {
                 strncpy(cb->configstr.buf, it->second.c_str(), size_t(cb->configstr.buflen));
             }
         } else if (code == kCtlConfigInt) {
-            self->asked.push_back(std::string(cb->configint.section) + "/" + cb->configint.key);
             auto it = self->integers.find({cb->configint.section, cb->configint.key});
             return it != self->integers.end() ? it->second : cb->configint.dflt;
+        } else if (code == kCtlDataReceived) {
+            const auto& m = cb->message; // zero-filled: frames leave the sender null
+            self->delivered.push_back(
+                {m.session, m.addr ? m.addr : "(null)",
+                 std::string(reinterpret_cast<const char*>(m.data), size_t(m.datalen)),
+                 m.sender ? m.sender : "", m.messageid});
         }
         return 0;
     }
@@ -60,18 +69,31 @@ struct FakeSettings {
     }
 };
 
-// A link "connected" through a socket pair: the transport's end is the link's
-// socket (use count 1), the test holds the peer.
+// Everything written to `fd` so far.
+inline std::string Drain(int fd) {
+    std::string out;
+    char chunk[4096];
+    ssize_t n;
+    while ((n = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) {
+        out.append(chunk, size_t(n));
+    }
+    return out;
+}
+
+// Makes `link` "connected" through a socket pair; returns the peer's end.
+inline int Pair(vel::CTL_HTTP_CONNECTION& link) {
+    int fds[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
+        link.m_socket = fds[0];
+        link.m_use_count = 1;
+    }
+    return fds[1];
+}
+
+// A paired link that the test owns.
 struct PairedLink {
     explicit PairedLink(vel::CHTCTL* ctl, const char* gateway = "gw.example:443")
-        : link(gateway, "key", ctl, nullptr) {
-        int fds[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
-            link.m_socket = fds[0];
-            link.m_use_count = 1;
-            peer = fds[1];
-        }
-    }
+        : link(gateway, "key", ctl, nullptr), peer(Pair(link)) {}
     ~PairedLink() { ClosePeer(); }
     void ClosePeer() {
         if (peer != -1) {
@@ -79,32 +101,52 @@ struct PairedLink {
             peer = -1;
         }
     }
-    // Everything written to the link so far.
-    std::string Drain() {
-        std::string out;
-        char chunk[4096];
-        ssize_t n;
-        while ((n = recv(peer, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) {
-            out.append(chunk, size_t(n));
-        }
-        return out;
-    }
+    std::string Drain() { return transport_test::Drain(peer); }
     vel::CTL_HTTP_CONNECTION link;
     int peer = -1;
 };
 
-// The request header the transport writes for a body of `bodyLength` bytes.
-inline std::string RequestHeader(const std::string& host, size_t bodyLength) {
+// A transport created without contacting a gateway (slavetype 1), owning one
+// paired link to "gw.example:443".
+struct Harness {
+    FakeSettings settings;
+    vel::CHTCTL* ctl = new vel::CHTCTL(443);
+    vel::CTL_HTTP_CONNECTION* link =
+        new vel::CTL_HTTP_CONNECTION("gw.example:443", "k", ctl, nullptr);
+    int peer = Pair(*link);
+
+    Harness(int ctltype, int sessions) {
+        tagCTLCREATEPARAMS p;
+        memset(&p, 0, sizeof p);
+        p.ctltype = ctltype;
+        p.slavetype = 1;
+        p.sessions = sessions;
+        p.callback = &FakeSettings::Callback;
+        p.cbdata = &settings;
+        ctl->Create(&p);
+        ctl->m_connections.push_back(link);
+    }
+    ~Harness() {
+        delete ctl;
+        close(peer);
+    }
+    void Attach(int index, unsigned long id, unsigned char inuse) {
+        vel::CHTCTL::CTransportLocks locks(*ctl);
+        ctl->m_sessions[index].Attach(link, id);
+        ctl->m_sessions[index].m_inuse = inuse;
+    }
+    // Hands `body` to the dispatcher as the read loop would.
+    void Dispatch(std::string body) { ctl->ProcessMessageBody(&body[0], int(body.size()), *link); }
+    std::string Drain() { return transport_test::Drain(peer); }
+};
+
+// The request the transport writes to `host` for `body`.
+inline std::string Post(const std::string& host, const std::string& body) {
     char length[16];
-    snprintf(length, sizeof length, "%5d", int(bodyLength));
+    snprintf(length, sizeof length, "%5d", int(body.size()));
     return "POST http://" + host + "/fakeurl.htm HTTP/1.1\nUser-Agent: Corvane Manager/1.0\n" +
            "Content-Type: application/x-www-form-urlencoded\nContent-Length: " + length +
-           "\nHost: " + host + "\nConnection: Keep-Alive\n\n";
-}
-
-// The whole request for `body`.
-inline std::string Post(const std::string& host, const std::string& body) {
-    return RequestHeader(host, body.size()) + body;
+           "\nHost: " + host + "\nConnection: Keep-Alive\n\n" + body;
 }
 
 // A socket listening on 127.0.0.1:`port` (0: any free port), or -1.
