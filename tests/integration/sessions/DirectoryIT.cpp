@@ -3,39 +3,28 @@
 
 #include <string>
 
-#include "SessionFixture.h"
+#include "GatewayFixture.h"
 #include "transport/gengsk.h"
 
 namespace {
 
-using sessions_it::Post;
-using sessions_it::SessionTest;
-using sessions_it::StoredKey;
-using sessions_it::WaitUntil;
+using gateway_it::GatewayTest;
+using gateway_it::Post;
+using gateway_it::WaitUntil;
 
-// The transport on its own gateway, and two more numbered gateways, "north"
-// (1) and "south" (2), that the directory operations connect to.
-struct Directory : SessionTest {
-    devgw::DevGateway north, south;
+// The transport on its own gateway, and gateway 1 ("north") that the
+// directory operations connect to.
+struct Directory : GatewayTest {
+    devgw::DevGateway north;
 
     void SetUp() override {
-        SessionTest::SetUp();
+        GatewayTest::SetUp();
         Start(8, 2);
         ASSERT_GT(north.Start(), 0);
-        ASSERT_GT(south.Start(), 0);
         app.text["Gateway_1"] = Target(north);
         app.text["Gateway_Name_1"] = "north";
-        app.text["Gateway_Gsk_1"] = StoredKey("key1");
-        app.text["Gateway_2"] = Target(south);
-        app.text["Gateway_Name_2"] = "south";
+        app.text["Gateway_Gsk_1"] = gateway_it::StoredKey("key1");
     }
-    void TearDown() override {
-        delete ctl; // its links first, then the gateways they use
-        ctl = nullptr;
-        SessionTest::TearDown();
-    }
-    // Runs `operation` on another thread until it returns.
-    template <class F> std::thread Run(F operation) { return std::thread(operation); }
 };
 
 // A browse block as the application receives it.
@@ -52,7 +41,7 @@ std::string Block(const std::string& name, bool online, const std::string& text,
 
 TEST_F(Directory, BrowseResultsArriveAsBlocksUntilNoMore) {
     std::atomic<bool> done{false};
-    std::thread browse = Run([&] {
+    std::thread browse([&] {
         EXPECT_EQ(ctl->FindSlaves("1\\ws*", 4 | 8, 0), 0);
         done = true;
     });
@@ -66,10 +55,8 @@ TEST_F(Directory, BrowseResultsArriveAsBlocksUntilNoMore) {
     free(gsk);
     north.SendBody("CMD=BROWSE_REPLY\nMORE=1\nCLIENT_NAME=WS-ONE-WITH-LONG-NAME\n"
                    "CLIENT_IP_ADDRESS=10.0.0.7\nCONTEXT=north\nSTATUS=1\nHOSTNAME=h1\n"
-                   "MACADDRESS=AA\nCHATID=c\nA1=x\nA2=\nA3=z\nA4=w\nEND_CLIENT\n"
-                   "CLIENT_NAME=WS-TWO\nCLIENT_IP_ADDRESS=10.0.0.8\nCONTEXT=north\nHOSTNAME=h2\n"
-                   "MACADDRESS=BB\nEND_CLIENT\n");
-    ASSERT_TRUE(WaitUntil([&] { return app.Of(kCtlDataReceived).size() == 2; }));
+                   "MACADDRESS=AA\nCHATID=c\nA1=x\nA2=\nA3=z\nA4=w\nEND_CLIENT\n");
+    ASSERT_TRUE(WaitUntil([&] { return app.Of(kCtlDataReceived).size() == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
     EXPECT_FALSE(done); // MORE=1: the browse goes on
     // A nameless client ends the reply; without MORE the browse is over.
@@ -79,33 +66,18 @@ TEST_F(Directory, BrowseResultsArriveAsBlocksUntilNoMore) {
     browse.join();
 
     const auto results = app.Of(kCtlDataReceived);
-    ASSERT_EQ(results.size(), 3u);
+    ASSERT_EQ(results.size(), 2u);
     EXPECT_EQ(results[0].data, Block("WS-ONE-WITH-LON", true, "h1|AA|c|x||z|w", 8));
-    EXPECT_EQ(results[1].data, Block("WS-TWO", false, "h2|BB", 4));
-    EXPECT_EQ(results[2].data, Block("WS-3", false, "", 2));
+    EXPECT_EQ(results[1].data, Block("WS-3", false, "", 2));
     EXPECT_EQ(results[0].addr, ">north/10.0.0.7");
-    EXPECT_EQ(results[2].addr, ">north/10.0.0.9");
     EXPECT_EQ(results[0].session, 0);
     EXPECT_TRUE(WaitUntil([&] { return north.ClientCount() == 0; })); // its link closed
 }
 
-TEST_F(Directory, BrowseOfGatewayZeroWalksEveryGateway) {
-    std::thread browse = Run([&] { ctl->FindSlaves("0\\x", 0, 0); });
-    devgw::Request toNorth, toSouth;
-    ASSERT_TRUE(north.WaitForRequest("CTL_BROWSE", 5000, &toNorth));
-    ASSERT_TRUE(south.WaitForRequest("CTL_BROWSE", 5000, &toSouth));
-    EXPECT_EQ(toSouth.body, "CMD=CTL_BROWSE\nMATCH_NAME=x\nREQHOSTNAME=1\nGSK=\n"
-                            "CONTEXT=south\nCTLTYPE=8\n");
-    north.SendBody("CMD=BROWSE_REPLY\nMORE=0\n");
-    south.SendBody("CMD=BROWSE_REPLY\nFAILED_REASON=12\n");
-    browse.join();
-    EXPECT_EQ(ctl->GetFailedReason(), 12);
-    EXPECT_TRUE(app.Of(kCtlDataReceived).empty());
-}
-
+// Settled errors: 1460 when no reply comes in time, 1223 when cancelled.
 TEST_F(Directory, AddDomainResultTimeOutAndCancellation) {
     CTL_ADDDOMAIN_PARAMS params = {"g-1", "desc", "k"};
-    struct Case {
+    const struct {
         const char* reply; // null: none
         int cancelAfter;
         int returned;
@@ -119,13 +91,13 @@ TEST_F(Directory, AddDomainResultTimeOutAndCancellation) {
     };
     vel::gTransportTimings.m_replyTimeoutMs = 300;
     int asked = 0;
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         app.cancelAfter = c.cancelAfter;
         app.cancelPolls = 0;
         long result = -7;
         int returned = -1;
         int error = 0;
-        std::thread add = Run([&] {
+        std::thread add([&] {
             returned = ctl->AddDomain("1", &params, &result);
             error = errno;
         });
@@ -154,7 +126,8 @@ TEST_F(Directory, UserStatusGoesOnTheFirstLink) {
     tagCTL_USERSTATUSINFO bare = {0, "bob", nullptr, 0};
     EXPECT_EQ(ctl->UserStatus(nullptr, &full), 0);
     EXPECT_EQ(ctl->UserStatus(nullptr, &bare), 0);
-    const auto sent = Requests(*gateway, "USERSTATUS", 2);
+    ASSERT_TRUE(gateway->WaitForRequest("USERSTATUS", 5000, nullptr, 2));
+    const auto sent = gateway->RequestsFor("USERSTATUS");
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(sent[0].raw, Post(Host(), "CMD=USERSTATUS\nUSER=alice\nDEPT=sales\nAPPTYPE=5\n"));
     EXPECT_EQ(sent[1].body, "CMD=USERSTATUS\nUSER=bob\n");

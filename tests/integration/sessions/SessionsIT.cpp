@@ -1,60 +1,68 @@
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <functional>
 #include <string>
 
-#include "SessionFixture.h"
+#include "GatewayFixture.h"
+#include "transport/gengsk.h"
 
 namespace {
 
-using sessions_it::Post;
-using sessions_it::SessionTest;
-using sessions_it::WaitUntil;
+using gateway_it::GatewayTest;
+using gateway_it::Post;
+using gateway_it::WaitUntil;
 
-// Three sessions on a link that stays down once lost.
-struct Sessions : SessionTest {
+// Three sessions on the transport's own gateway, which is also gateway 1
+// ("north"): calls share its link.
+struct Sessions : GatewayTest {
     void SetUp() override {
-        SessionTest::SetUp();
-        Start(8, 3);
+        GatewayTest::SetUp();
+        Start(8);
+        app.text["Gateway_1"] = Host();
+        app.text["Gateway_Name_1"] = "north";
+        app.text["Gateway_Gsk_1"] = gateway_it::StoredKey("key1");
     }
-    std::string Hangup(unsigned id) {
-        return Post(Host(), "CMD=HANGUP\nCONNECTION_ID=" + std::to_string(id) + "\n");
+    vel::CTL_HTTP_SESSION& Session(int index) { return ctl->m_sessions[index]; }
+    // The gateway sets up a session; returns the client's CONNECT_REPLY.
+    devgw::Request Connect(unsigned id, const std::string& name = "console") {
+        gateway->SendBody("CMD=CONNECT\nCONNECTION_ID=" + std::to_string(id) +
+                          "\nCONTROL_NAME=" + name + "\nCONTROL_ADDR=10.1.2.3\n");
+        devgw::Request reply;
+        EXPECT_TRUE(gateway->WaitForRequest("CONNECT_REPLY", 5000, &reply, ++replies));
+        return reply;
     }
+    // Calls `target` on another thread; `answer` runs once the request is
+    // seen (with it) and the call's result is returned.
+    int PlaceCall(const char* target, const std::function<void(const devgw::Request&)>& answer) {
+        std::atomic<int> result{-100};
+        std::thread caller([&] { result = ctl->Call(target, 0, nullptr, nullptr); });
+        devgw::Request request;
+        if (gateway->WaitForRequest("CTL_CONNECT", 5000, &request, ++calls)) {
+            answer(request);
+        }
+        caller.join();
+        return result;
+    }
+    int replies = 0, calls = 0;
 };
 
-TEST_F(Sessions, ConnectIsAnsweredThenReported) {
-    app.newBuffers = 7;
-    const devgw::Request reply = Connect(41, "ConsoleWithALongName", "10.1.2.3");
-    EXPECT_EQ(reply.raw, Post(Host(), "CMD=CONNECT_REPLY\nCONNECTION_ID=41\n"
-                                      "CLIENT_NAME=WS-TEST\nRESULT=0\n"));
-    ASSERT_TRUE(WaitUntil([&] { return Session(0).m_nbufs == 7; })); // copied back
+TEST_F(Sessions, ConnectIsAnsweredReportedAndRefusedWhenTheTableIsFull) {
+    EXPECT_EQ(Connect(41, "ConsoleWithALongName").raw,
+              Post(Host(), "CMD=CONNECT_REPLY\nCONNECTION_ID=41\nCLIENT_NAME=WS-TEST\nRESULT=0\n"));
+    Connect(42);
+    Connect(43);
+    EXPECT_EQ(Connect(44).body,
+              "CMD=CONNECT_REPLY\nCONNECTION_ID=44\nCLIENT_NAME=WS-TEST\nRESULT=2\n");
     const auto called = app.Of(kCtlCalled);
-    ASSERT_EQ(called.size(), 1u);
+    ASSERT_EQ(called.size(), 3u);
     EXPECT_EQ(called[0].session, Session(0).m_session_id);
-    EXPECT_EQ(called[0].name, "NC_ConsoleWithALon"); // 15 characters of the name
+    EXPECT_EQ(called[0].data, "NC_ConsoleWithALon"); // 15 characters of the name
     EXPECT_EQ(called[0].addr, "10.1.2.3");
-    EXPECT_EQ(called[0].count, 3);
-    EXPECT_EQ(Session(0).m_inuse, 1);
     EXPECT_EQ(Session(0).m_connection_id, 41u);
-}
 
-TEST_F(Sessions, FullTableRefusesWithoutCallback) {
-    for (unsigned id = 1; id <= 3; ++id) {
-        Connect(id);
-    }
-    EXPECT_EQ(Connect(4).body,
-              "CMD=CONNECT_REPLY\nCONNECTION_ID=4\nCLIENT_NAME=WS-TEST\nRESULT=2\n");
-    EXPECT_EQ(app.Of(kCtlCalled).size(), 3u);
-}
-
-TEST_F(Sessions, HangupInBothDirections) {
-    Connect(5);
-    Connect(6);
-    EXPECT_EQ(ctl->Hangup(1), 0);
-    devgw::Request sent;
-    ASSERT_TRUE(gateway->WaitForRequest("HANGUP", 5000, &sent));
-    EXPECT_EQ(sent.raw, Hangup(5));
-    EXPECT_EQ(Session(0).m_inuse, 0);
-
-    // Number 0 and unknown numbers are ignored; the known one is reported.
-    for (const char* id : {"0", "99", "6"}) {
+    // The gateway's HANGUP: number 0 and unknown numbers are ignored.
+    for (const char* id : {"0", "99", "42"}) {
         gateway->SendBody(std::string("CMD=HANGUP\nCONNECTION_ID=") + id + "\n");
     }
     ASSERT_TRUE(WaitUntil([&] { return Session(1).m_inuse == 0; }));
@@ -63,35 +71,62 @@ TEST_F(Sessions, HangupInBothDirections) {
     EXPECT_EQ(hungUp[0].session, Session(1).m_session_id);
 }
 
-// CLOSE and a lost link clear a link's sessions with the settled pairing:
-// entry i is checked and number i (entry i - 1) hung up, so the last entry
-// stays and the check past the table finds nothing.
-TEST_F(Sessions, CloseHangsUpWithTheSettledPairing) {
-    for (unsigned id : {11u, 12u, 13u}) {
-        Connect(id);
-    }
-    gateway->SendBody("CMD=CLOSE\nANY=thing\n");
-    const auto hangups = Requests(*gateway, "HANGUP", 2);
-    ASSERT_EQ(hangups.size(), 2u);
-    EXPECT_EQ(hangups[0].raw, Hangup(11));
-    EXPECT_EQ(hangups[1].raw, Hangup(12));
-    ASSERT_TRUE(WaitUntil([&] { return Session(1).m_inuse == 0; }));
-    EXPECT_EQ(Session(0).m_inuse, 0);
-    EXPECT_EQ(Session(2).m_connection_id, 13u);
-    EXPECT_TRUE(app.Of(kCtlHungUp).empty());
+TEST_F(Sessions, CallByNameEstablishesTheSession) {
+    app.integers["CallByName"] = 1; // the target names the gateway
+    devgw::Request request;
+    EXPECT_EQ(PlaceCall("NORTH\\callee",
+                        [&](const devgw::Request& r) {
+                            request = r;
+                            gateway->SendBody(
+                                "CMD=CONNECT_REPLY\nRESULT=0\nCONNECTION_ID=77\n"
+                                "CLIENT_NAME=CalleeWithALongName\nPROTOCOL_VER=1.0\n");
+                        }),
+              0);
+    char host[128] = {};
+    gethostname(host, sizeof host - 1);
+    char* gsk = GenWireGsk("KEY1");
+    std::string body = "CMD=CTL_CONNECT\nPROTOCOL_VER=1.1\nCONTROL_NAME=WS-TEST\n"
+                       "CLIENT_IP_ADDRESS=callee\n";
+    body += host[0] != '\0' ? "HOSTNAME=" + std::string(host) + "\n" : "";
+    body += request.Has("MACADDRESS") ? "MACADDRESS=" + request.Field("MACADDRESS") + "\n" : "";
+    body += "GSK=" + std::string(gsk) + "\n";
+    free(gsk);
+    EXPECT_EQ(request.raw, Post(Host(), body));
+
+    EXPECT_EQ(Session(0).m_inuse, 2);
+    EXPECT_EQ(Session(0).m_connection, &Link());
+    EXPECT_EQ(Session(0).m_connection_id, 77u);
+    EXPECT_STREQ(Session(0).m_remote_name, "CalleeWithALong");
+    EXPECT_EQ(Link().m_protocol_ver.load(), 0x00000001u); // lowered to 1.0: HTTP frames
 }
 
-TEST_F(Sessions, LostLinkClearsItsSessions) {
-    for (unsigned id : {11u, 12u, 13u}) {
-        Connect(id);
+TEST_F(Sessions, RefusedCancelledAndBadCalls) {
+    EXPECT_EQ(PlaceCall("1\\callee",
+                        [&](const devgw::Request&) {
+                            gateway->SendBody("CMD=CONNECT_REPLY\nRESULT=3\nFAILED_REASON=44\n");
+                        }),
+              3);
+    EXPECT_EQ(ctl->GetFailedReason(), 44);
+    EXPECT_EQ(Session(0).m_inuse, 0);
+    EXPECT_TRUE(Link().IsConnected()); // the shared link stays
+
+    app.cancelAfter = 0; // the cancellation is sent and its answer returned
+    EXPECT_EQ(PlaceCall("1\\callee",
+                        [&](const devgw::Request&) {
+                            devgw::Request cancel;
+                            ASSERT_TRUE(
+                                gateway->WaitForRequest("CTL_CANCEL_CONNECT", 5000, &cancel));
+                            EXPECT_EQ(cancel.raw,
+                                      Post(Host(), "CMD=CTL_CANCEL_CONNECT\nCONTROL_NAME=WS-TEST\n"
+                                                   "CLIENT_IP_ADDRESS=callee\n"));
+                            gateway->SendBody("CMD=CONNECT_REPLY\nRESULT=9\n");
+                        }),
+              9);
+    EXPECT_EQ(Session(0).m_inuse, 0);
+
+    for (const char* target : {static_cast<const char*>(nullptr), "1", "7\\nobody", "x\\y"}) {
+        EXPECT_EQ(ctl->Call(target, 0, nullptr, nullptr), 255) << (target ? target : "null");
     }
-    // A response the client rejects: it drops the link. (A reset from the
-    // gateway takes the socket out without telling the owner.)
-    gateway->SendRaw("HTTP/1.1 404 Not Found\r\nContent-length: 1\r\n\r\nx");
-    ASSERT_TRUE(WaitUntil([&] { return Session(0).m_inuse == 0 && Session(1).m_inuse == 0; }));
-    EXPECT_FALSE(Link().IsConnected());
-    EXPECT_EQ(Session(2).m_connection_id, 13u);
-    EXPECT_TRUE(app.Of(kCtlHungUp).empty());
 }
 
 } // namespace

@@ -1,7 +1,6 @@
-// The real transport against the development gateway on loopback: short
-// timings for the test process and a transport created as the daemon creates
-// it. The test thread drives; the transport's read thread raises the
-// callbacks.
+// The real transport against development gateways on loopback, created as
+// the daemon creates it (slavetype 256), with short timings. The test thread
+// drives; read threads and waiting operations raise the callbacks.
 #pragma once
 
 #include <chrono>
@@ -17,7 +16,11 @@
 #include "transport/TransportTimings.h"
 #include "transport/password.h"
 
-namespace transport_it {
+namespace gateway_it {
+
+using transport_test::Post;
+
+using transport_test::App;
 
 // Polls `done` every 5 ms for at most `timeoutMs`.
 inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
@@ -31,45 +34,50 @@ inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
     return true;
 }
 
+inline std::string StoredKey(const char* clear) {
+    char stored[128] = {};
+    _EncryptPassword(kPasswordSeed, clear, stored, sizeof stored);
+    return stored;
+}
+
 struct GatewayTest : ::testing::Test {
     devgw::Options options;
     std::unique_ptr<devgw::DevGateway> gateway;
-    transport_test::FakeSettings settings; // filled before Create
+    App app;
     vel::CHTCTL* ctl = nullptr;
-    int port = -1;
 
     void SetUp() override {
         vel::gTransportTimings.m_connectRetrySleepMs = 10;
         vel::gTransportTimings.m_idleSleepMs = 10;
         vel::gTransportTimings.m_readablePollMs = 20;
         vel::gTransportTimings.m_checkIntervalMs = 10;
+        vel::gTransportTimings.m_replyTimeoutMs = 5000;
     }
     void TearDown() override {
-        delete ctl;
+        delete ctl; // its links and read threads first, then the gateways they use
+        ctl = nullptr;
         gateway.reset();
     }
+    static std::string Target(devgw::DevGateway& g) {
+        return "127.0.0.1:" + std::to_string(g.Port());
+    }
+    std::string Host() { return Target(*gateway); }
     void StartGateway() {
         gateway = std::make_unique<devgw::DevGateway>(options);
-        port = gateway->Start();
-        ASSERT_GT(port, 0);
-        settings.text[{"HTTP", "GatewayAddress"}] = Target();
-        char stored[128] = {};
-        _EncryptPassword(kPasswordSeed, "secretkey", stored, sizeof stored);
-        settings.text[{"HTTP", "GSK"}] = stored;
+        ASSERT_GT(gateway->Start(), 0);
+        app.text["GatewayAddress"] = Host();
+        app.text["GSK"] = StoredKey("secretkey");
     }
-    std::string Target() const { return "127.0.0.1:" + std::to_string(port); }
-    // Creates the transport as the daemon does (slavetype 256).
-    int Create(int ctltype = -1, const char* name = "ws-test") {
+    int Create(int ctltype, int sessions = 3) {
         ctl = new vel::CHTCTL(443);
         tagCTLCREATEPARAMS p;
         memset(&p, 0, sizeof p);
-        p.cbSize = 64;
-        strncpy(p.name, name, sizeof p.name);
+        strncpy(p.name, "ws-test", sizeof p.name);
         p.ctltype = ctltype;
         p.slavetype = 256;
-        p.sessions = 10;
-        p.callback = &transport_test::FakeSettings::Callback;
-        p.cbdata = &settings;
+        p.sessions = sessions;
+        p.callback = &App::Callback;
+        p.cbdata = &app;
         return ctl->Create(&p);
     }
     vel::CTL_HTTP_CONNECTION& Link() { return *ctl->m_connections.at(0); }
@@ -78,7 +86,13 @@ struct GatewayTest : ::testing::Test {
         vel::CSingleLock lock(&Link().m_lock, TRUE);
         return !Link().m_server_version.empty();
     }
+    // Starts the gateway and the transport, and waits for the registration.
+    void Start(int ctltype, int sessions = 3) {
+        ASSERT_NO_FATAL_FAILURE(StartGateway());
+        ASSERT_EQ(Create(ctltype, sessions), 0);
+        ASSERT_TRUE(WaitUntil([&] { return Registered(); }));
+    }
     unsigned long Period() { return Link().m_comms_manage_pkt_period.load(); }
 };
 
-} // namespace transport_it
+} // namespace gateway_it

@@ -56,9 +56,10 @@ TEST(Messages, MessageBecomesTheNotificationBlock) {
         SCOPED_TRACE(c.name);
         Harness h(8, 1);
         h.Dispatch(c.body);
-        ASSERT_EQ(h.settings.delivered.size(), 1u);
-        const transport_test::Delivered& d = h.settings.delivered[0];
-        EXPECT_EQ(h.settings.events.back().second.message.transport, 3);
+        const auto delivered = h.app.Of(kCtlDataReceived);
+        ASSERT_EQ(delivered.size(), 1u);
+        const transport_test::Event& d = delivered[0];
+        EXPECT_EQ(d.transport, 3);
         EXPECT_EQ(d.session, 0);
         EXPECT_EQ(d.addr, "");
         EXPECT_EQ(d.data, c.block);

@@ -138,7 +138,7 @@ TEST(ReceivedFrames, DeclaredLengthIsBoundedByTheDecodedBytes) {
                            "\nNC_DATA=" + text + "\n");
                 free(text);
             }
-            const auto& got = h.settings.delivered;
+            const auto got = h.app.Of(kCtlDataReceived);
             ASSERT_EQ(got.size(), c.delivered == "-" ? 0u : 1u) << bare << " LEN=" << c.length;
             if (!got.empty()) {
                 EXPECT_EQ(got[0].data, c.delivered) << bare << " LEN=" << c.length;

@@ -118,7 +118,7 @@ TEST(Sessions, CloseHangsUpWithTheSettledPairing) {
     EXPECT_EQ(h.ctl->m_sessions[0].m_inuse, 0);
     EXPECT_EQ(h.ctl->m_sessions[1].m_inuse, 0);
     EXPECT_EQ(h.ctl->m_sessions[2].m_connection_id, 13u);
-    EXPECT_EQ(h.settings.Count(kCtlHungUp), 0);
+    EXPECT_TRUE(h.app.Of(kCtlHungUp).empty());
 }
 
 TEST(Destruction, HangsUpEverySessionWithoutCallbacks) {
@@ -129,16 +129,16 @@ TEST(Destruction, HangsUpEverySessionWithoutCallbacks) {
     h.Attach(3, 0, 0); // no gateway number: detached only
     h.Attach(1, 5, 0);
     ctl.UnlinkSession(&ctl.m_sessions[1], true); // outside destruction: reported
-    ASSERT_EQ(h.settings.Count(kCtlHungUp), 1);
-    EXPECT_EQ(h.settings.events.back().second.hungup.transport, 3);
-    EXPECT_EQ(h.settings.events.back().second.hungup.session, 2);
+    ASSERT_EQ(h.app.Of(kCtlHungUp).size(), 1u);
+    EXPECT_EQ(h.app.Of(kCtlHungUp)[0].transport, 3);
+    EXPECT_EQ(h.app.Of(kCtlHungUp)[0].session, 2);
     EXPECT_EQ(ctl.Hangup(0), -1);
     EXPECT_EQ(ctl.Hangup(5), -1);
 
     delete h.ctl;
     h.ctl = nullptr;
     EXPECT_EQ(h.Drain(), Hangup(11) + Hangup(33));
-    EXPECT_EQ(h.settings.Count(kCtlHungUp), 1);
+    EXPECT_EQ(h.app.Of(kCtlHungUp).size(), 1u);
 }
 
 } // namespace

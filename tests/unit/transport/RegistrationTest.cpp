@@ -10,7 +10,6 @@
 
 namespace {
 
-using transport_test::FakeSettings;
 using transport_test::PairedLink;
 using transport_test::Post;
 using vel::CHTCTL;
@@ -18,16 +17,17 @@ using vel::CTL_HTTP_CONNECTION;
 
 TEST(Registration, EveryLineInOrderAndTheAnswersChainStopsAtTheFirstEmpty) {
     CHTCTL ctl(443);
-    FakeSettings settings;
-    settings.InstallIn(ctl);
+    transport_test::App app;
+    ctl.m_callback = &transport_test::App::Callback;
+    ctl.m_cbdata = &app;
     strcpy(ctl.m_name, "WS-0042");
     ctl.m_slaveType = 256;
     CTL_HTTP_CONNECTION link("gw.example:443", "secretkey", &ctl, nullptr);
-    settings.text[{"client247", "CHATID"}] = "chat7";
-    settings.text[{"client247", "A1"}] = "one";
-    settings.text[{"client247", "A2"}] = "two";
-    settings.text[{"client247", "A4"}] = "four"; // A3 empty: the chain stops
-    settings.text[{"HTTP", "*Dept"}] = "Accounts";
+    app.text["CHATID"] = "chat7";
+    app.text["A1"] = "one";
+    app.text["A2"] = "two";
+    app.text["A4"] = "four"; // A3 empty: the chain stops
+    app.text["*Dept"] = "Accounts";
 
     tagHTTP_BUF request = {0, 0, 0, nullptr};
     ctl.BuildOpenRequest(link, request);

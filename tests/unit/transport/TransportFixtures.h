@@ -1,6 +1,5 @@
-// Helpers of the transport tests: a settings callback that records every
-// event (its own lock makes it safe on read threads), links whose socket is
-// one end of a socket pair, and a created transport owning such a link.
+// Helpers of the transport tests: an application callback, links whose socket
+// is one end of a socket pair, and a created transport owning such a link.
 #pragma once
 
 #include <arpa/inet.h>
@@ -8,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -18,54 +18,67 @@
 
 namespace transport_test {
 
-// What a code-1 callback carried, copied while it was valid.
-struct Delivered {
-    int session = 0;
-    std::string addr, data, sender;
-    int messageid = 0;
+// What a callback carried, copied while it was valid.
+struct Event {
+    int code = 0, transport = 0, session = 0, messageid = 0;
+    std::string addr, data, sender; // data: code 1 datalen bytes, code 10 the name
 };
 
-// Answers codes 7 and 8 from maps (absent: empty text, the default integer)
-// and records every callback. Fill the maps before the transport runs threads.
-struct FakeSettings {
+// The application's callback: answers codes 7 and 8 by the setting's key
+// (absent: empty text, the default integer), cancels (code 4) from
+// `cancelAfter` polls on, and records every other event. Fill the maps
+// before the transport runs threads.
+struct App {
     std::mutex mutex;
-    std::map<std::pair<std::string, std::string>, std::string> text;
-    std::map<std::pair<std::string, std::string>, int> integers;
-    std::vector<std::pair<int, CTL_CALLBACK>> events; // pointers in them are stale
-    std::vector<Delivered> delivered;                 // code 1
+    std::map<std::string, std::string> text;
+    std::map<std::string, int> integers;
+    std::vector<Event> events;
+    std::atomic<int> cancelAfter{-1}, cancelPolls{0};
 
     static int Callback(int code, void* cbdata, CTL_CALLBACK* cb) {
-        auto* self = static_cast<FakeSettings*>(cbdata);
+        auto* self = static_cast<App*>(cbdata);
+        if (code == kCtlCheckCancel) {
+            const int polls = self->cancelPolls++;
+            return self->cancelAfter >= 0 && polls >= self->cancelAfter ? 1 : 0;
+        }
         std::lock_guard<std::mutex> lock(self->mutex);
-        self->events.emplace_back(code, *cb);
+        Event e;
+        e.code = code;
         if (code == kCtlConfigString) {
-            auto it = self->text.find({cb->configstr.section, cb->configstr.key});
+            auto it = self->text.find(cb->configstr.key);
             if (it != self->text.end()) {
                 strncpy(cb->configstr.buf, it->second.c_str(), size_t(cb->configstr.buflen));
             }
-        } else if (code == kCtlConfigInt) {
-            auto it = self->integers.find({cb->configint.section, cb->configint.key});
+        } else if (code != kCtlConfigInt) {
+            const auto& m = cb->message; // zero-filled: absent fields are 0
+            e.transport = m.transport;
+            e.session = m.session;
+            if (code == kCtlDataReceived) {
+                e.addr = m.addr ? m.addr : "";
+                e.data.assign(reinterpret_cast<const char*>(m.data), size_t(m.datalen));
+                e.sender = m.sender ? m.sender : "";
+                e.messageid = m.messageid;
+            } else if (code == kCtlCalled) {
+                e.addr = cb->called.addr;
+                e.data = cb->called.ctlname;
+            }
+        }
+        self->events.push_back(e);
+        if (code == kCtlConfigInt) {
+            auto it = self->integers.find(cb->configint.key);
             return it != self->integers.end() ? it->second : cb->configint.dflt;
-        } else if (code == kCtlDataReceived) {
-            const auto& m = cb->message; // zero-filled: frames leave the sender null
-            self->delivered.push_back(
-                {m.session, m.addr ? m.addr : "(null)",
-                 std::string(reinterpret_cast<const char*>(m.data), size_t(m.datalen)),
-                 m.sender ? m.sender : "", m.messageid});
         }
         return 0;
     }
-    void InstallIn(vel::CHTCTL& ctl) {
-        ctl.m_callback = &FakeSettings::Callback;
-        ctl.m_cbdata = this;
-    }
-    int Count(int code) {
+    std::vector<Event> Of(int code) {
         std::lock_guard<std::mutex> lock(mutex);
-        int n = 0;
-        for (const auto& e : events) {
-            n += e.first == code;
+        std::vector<Event> out;
+        for (const Event& e : events) {
+            if (e.code == code) {
+                out.push_back(e);
+            }
         }
-        return n;
+        return out;
     }
 };
 
@@ -109,7 +122,7 @@ struct PairedLink {
 // A transport created without contacting a gateway (slavetype 1), owning one
 // paired link to "gw.example:443".
 struct Harness {
-    FakeSettings settings;
+    App app;
     vel::CHTCTL* ctl = new vel::CHTCTL(443);
     vel::CTL_HTTP_CONNECTION* link =
         new vel::CTL_HTTP_CONNECTION("gw.example:443", "k", ctl, nullptr);
@@ -121,8 +134,8 @@ struct Harness {
         p.ctltype = ctltype;
         p.slavetype = 1;
         p.sessions = sessions;
-        p.callback = &FakeSettings::Callback;
-        p.cbdata = &settings;
+        p.callback = &App::Callback;
+        p.cbdata = &app;
         ctl->Create(&p);
         ctl->m_connections.push_back(link);
     }
