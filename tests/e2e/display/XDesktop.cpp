@@ -1,113 +1,85 @@
 #include "XDesktop.h"
 
-#include "PngFile.h"
-
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 #include <fcntl.h>
 #include <pwd.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <thread>
 
-extern char** environ;
+#include "E2E.h"
+#include "transport/CRC32.h"
 
 namespace display_e2e {
-
 namespace {
-
-using Clock = std::chrono::steady_clock;
-constexpr int kPollMs = 20;
-constexpr int kServerStartMs = 15000;
-constexpr int kClickMs = 10000;
-
-bool Elapsed(Clock::time_point start, int timeoutMs) {
-    return Clock::now() - start > std::chrono::milliseconds(timeoutMs);
-}
-
-void Sleep() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
-}
 
 // Windows come and go while the tests look at them.
 int IgnoreXErrors(Display*, XErrorEvent*) {
     return 0;
 }
 
-void Put16(std::string& out, size_t value) {
-    out += char((value >> 8) & 0xFF);
-    out += char(value & 0xFF);
+std::string Big16(size_t value) {
+    return {char((value >> 8) & 0xFF), char(value & 0xFF)};
 }
 
-void PutField(std::string& out, const std::string& field) {
-    Put16(out, field.size());
-    out += field;
+std::string Big32(uint32_t value) {
+    return Big16(value >> 16) + Big16(value & 0xFFFF);
 }
 
 // One MIT-MAGIC-COOKIE-1 entry for any address (FamilyWild), display 0.
-bool WriteAuthority(const std::string& path, uid_t owner, gid_t group) {
-    std::string cookie(16, '\0');
-    std::ifstream random("/dev/urandom", std::ios::binary);
-    if (!random.read(&cookie[0], std::streamsize(cookie.size()))) {
-        return false;
-    }
-    std::string entry;
-    Put16(entry, 0xFFFF);
-    PutField(entry, "");
-    PutField(entry, "0");
-    PutField(entry, "MIT-MAGIC-COOKIE-1");
-    PutField(entry, cookie);
-    unlink(path.c_str());
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        return false;
-    }
-    const bool written = write(fd, entry.data(), entry.size()) == ssize_t(entry.size());
-    const bool owned = fchown(fd, owner, group) == 0;
-    close(fd);
-    return written && owned;
+bool WriteAuthority(const passwd& user) {
+    const std::string cookie = e2e::ReadFile("/proc/sys/kernel/random/uuid").substr(0, 16);
+    const std::string entry = Big16(0xFFFF) + Big16(0) + Big16(1) + "0" + Big16(18) +
+                              "MIT-MAGIC-COOKIE-1" + Big16(16) + cookie;
+    e2e::WriteFile(kAuthorityPath, entry);
+    return cookie.size() == 16 && chmod(kAuthorityPath, 0600) == 0 &&
+           chown(kAuthorityPath, user.pw_uid, user.pw_gid) == 0;
 }
 
-long WindowPid(Display* display, Window window) {
-    Atom type = None;
-    int format = 0;
-    unsigned long items = 0;
-    unsigned long after = 0;
-    unsigned char* data = nullptr;
-    long pid = -1;
-    if (XGetWindowProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), 0, 1, False,
-                           XA_CARDINAL, &type, &format, &items, &after, &data) == Success &&
-        data != nullptr && format == 32 && items == 1) {
-        pid = *reinterpret_cast<long*>(data);
+std::string ArtefactPath(const std::string& name) {
+    mkdir(ND_ARTEFACT_DIR, 0755);
+    return std::string(ND_ARTEFACT_DIR) + "/" + name;
+}
+
+// An RGB PNG with stored (uncompressed) deflate blocks: test artefacts only.
+void WritePng(const std::string& path, const Screenshot& shot) {
+    std::string raw;
+    for (int y = 0; y < shot.height; ++y) {
+        raw += '\0'; // filter: none
+        raw.append(reinterpret_cast<const char*>(&shot.rgb[size_t(y * shot.width) * 3]),
+                   size_t(shot.width) * 3);
     }
-    if (data != nullptr) {
-        XFree(data);
+    std::string zlib = "\x78\x01";
+    uint32_t a = 1, b = 0;
+    for (size_t pos = 0; pos < raw.size(); pos += 65535) {
+        const size_t n = std::min<size_t>(65535, raw.size() - pos);
+        zlib += char(pos + n == raw.size() ? 1 : 0);
+        zlib += {char(n & 0xFF), char(n >> 8), char(~n & 0xFF), char((~n >> 8) & 0xFF)};
+        zlib.append(raw, pos, n);
     }
-    return pid;
+    for (unsigned char c : raw) {
+        a = (a + c) % 65521;
+        b = (b + a) % 65521;
+    }
+    zlib += Big32((b << 16) | a);
+    std::string png = "\x89PNG\r\n\x1a\n";
+    auto chunk = [&](const std::string& body) {
+        png += Big32(uint32_t(body.size() - 4)) + body;
+        png += Big32(CRC32_Update(0xFFFFFFFFu, body.data(), int(body.size())) ^ 0xFFFFFFFFu);
+    };
+    chunk("IHDR" + Big32(uint32_t(shot.width)) + Big32(uint32_t(shot.height)) +
+          std::string("\x08\x02\x00\x00\x00", 5)); // 8-bit RGB
+    chunk("IDAT" + zlib);
+    chunk("IEND");
+    e2e::WriteFile(path, png);
 }
 
 } // namespace
 
-bool Geometry::Overlaps(const Geometry& other) const {
-    return x < other.x + other.width && other.x < x + width && y < other.y + other.height &&
-           other.y < y + height;
-}
-
-size_t Screenshot::Count(const std::function<bool(uint8_t, uint8_t, uint8_t)>& test) const {
-    return CountIn({0, 0, width, height}, test);
-}
-
-size_t Screenshot::CountIn(const Geometry& part,
-                           const std::function<bool(uint8_t, uint8_t, uint8_t)>& test) const {
+size_t Screenshot::CountIn(const Geometry& part, bool (*test)(uint8_t, uint8_t, uint8_t)) const {
     size_t n = 0;
     for (int y = std::max(0, part.y); y < std::min(height, part.y + part.height); ++y) {
         for (int x = std::max(0, part.x); x < std::min(width, part.x + part.width); ++x) {
@@ -118,211 +90,107 @@ size_t Screenshot::CountIn(const Geometry& part,
     return n;
 }
 
-std::string ArtefactPath(const std::string& name) {
-    mkdir(ND_ARTEFACT_DIR, 0755);
-    return std::string(ND_ARTEFACT_DIR) + "/" + name;
-}
-
-pid_t Spawn(const std::string& path, const std::vector<std::string>& args,
-            const std::vector<std::string>& env, const std::map<int, int>& descriptors) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    }
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (const std::string& entry : env) {
-        envp.push_back(const_cast<char*>(entry.c_str()));
-    }
-    envp.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        for (const auto& [target, source] : descriptors) {
-            if (dup2(source, target) < 0) {
-                _exit(126);
-            }
-        }
-        execve(path.c_str(), argv.data(), envp.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-bool WaitExit(pid_t pid, int timeoutMs, int* status) {
-    const Clock::time_point start = Clock::now();
-    int local = 0;
-    for (;;) {
-        const pid_t done = waitpid(pid, &local, WNOHANG);
-        if (done == pid) {
-            if (status != nullptr) {
-                *status = local;
-            }
-            return true;
-        }
-        if (done < 0 || Elapsed(start, timeoutMs)) {
-            return false;
-        }
-        Sleep();
-    }
-}
-
-int Run(const std::vector<std::string>& args, const std::vector<std::string>& env, int timeoutMs) {
-    const pid_t pid = Spawn(args[0], args, env);
-    int status = 0;
-    if (pid <= 0) {
-        return -1;
-    }
-    if (!WaitExit(pid, timeoutMs, &status)) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::vector<std::string> CurrentEnvironment() {
-    std::vector<std::string> env;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        env.push_back(*entry);
-    }
-    return env;
-}
-
 XDesktop::~XDesktop() {
-    Stop();
+    if (m_display != nullptr) {
+        XCloseDisplay(m_display);
+    }
+    if (m_server > 0) {
+        kill(m_server, SIGTERM);
+        e2e::WaitForExit(m_server, 5);
+    }
 }
 
-bool XDesktop::Start(std::string& error) {
+std::string XDesktop::Start() {
     if (getenv("ND_SANDBOX_INNER") == nullptr) {
-        error = "run inside tests/support/sandbox: the X server needs private namespaces";
-        return false;
+        return "run inside tests/support/sandbox: the X server needs private namespaces";
     }
     // The X sockets and lock files go to /tmp: keep them inside the sandbox.
-    // The build tree may itself live under /tmp, so the sandbox's view of the
-    // old /tmp is kept aside and its top folder bound back after the mount.
+    // The build tree may itself live under /tmp, so the old /tmp is kept
+    // aside and the build tree's top folder bound back after the mount.
     const char* kOldTmp = "/run/nd-display-oldtmp";
     mkdir(kOldTmp, 0700);
     if (mount("/tmp", kOldTmp, nullptr, MS_BIND, nullptr) != 0 ||
         mount("nd-display-tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-        error = std::string("cannot mount a private /tmp: ") + strerror(errno);
-        return false;
+        return std::string("cannot mount a private /tmp: ") + strerror(errno);
     }
-    const std::string buildPath = ND_ARTEFACT_DIR;
-    if (buildPath.rfind("/tmp/", 0) == 0) {
-        const std::string top = buildPath.substr(5, buildPath.find('/', 5) - 5);
-        const std::string target = "/tmp/" + top;
-        mkdir(target.c_str(), 0755);
-        if (mount((std::string(kOldTmp) + "/" + top).c_str(), target.c_str(), nullptr, MS_BIND,
-                  nullptr) != 0) {
-            error = "cannot keep " + target + " reachable: " + strerror(errno);
-            return false;
+    const std::string build = ND_ARTEFACT_DIR;
+    if (build.rfind("/tmp/", 0) == 0) {
+        const std::string top = build.substr(5, build.find('/', 5) - 5);
+        mkdir(("/tmp/" + top).c_str(), 0755);
+        if (mount((std::string(kOldTmp) + "/" + top).c_str(), ("/tmp/" + top).c_str(), nullptr,
+                  MS_BIND, nullptr) != 0) {
+            return "cannot keep /tmp/" + top + " reachable: " + strerror(errno);
         }
     }
     const passwd* user = getpwnam(kDesktopUser);
-    if (user == nullptr) {
-        error = std::string("no account ") + kDesktopUser;
-        return false;
+    mkdir("/run/nd-display", 0755);
+    mkdir("/run/nd-display/xauth", 0755);
+    if (user == nullptr || !WriteAuthority(*user)) {
+        return "cannot write the X authority file for " + std::string(kDesktopUser);
     }
-    mkdir(kWorkDir, 0755);
-    mkdir((std::string(kWorkDir) + "/xauth").c_str(), 0755);
-    if (!WriteAuthority(kAuthorityPath, user->pw_uid, user->pw_gid)) {
-        error = "cannot write the X authority file";
-        return false;
-    }
-    const int log =
-        open(ArtefactPath("xserver.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    std::map<int, int> descriptors;
-    if (log >= 0) {
-        descriptors = {{1, log}, {2, log}};
-    }
-    m_server = Spawn("/usr/bin/Xvfb",
-                     {"/usr/bin/X", ":0", "-auth", kAuthorityPath, "-screen", "0",
-                      std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight) + "x24",
-                      "-nolisten", "tcp", "-noreset"},
-                     CurrentEnvironment(), descriptors);
-    if (log >= 0) {
-        close(log);
-    }
+    const int log = open(ArtefactPath("xserver.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    m_server =
+        e2e::Spawn("/usr/bin/Xvfb",
+                   {"/usr/bin/X", ":0", "-auth", kAuthorityPath, "-screen", "0",
+                    std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight) + "x24",
+                    "-nolisten", "tcp", "-noreset"},
+                   {}, {{1, log}, {2, log}});
+    close(log);
     setenv("DISPLAY", ":0.0", 1);
     setenv("XAUTHORITY", kAuthorityPath, 1);
-    const Clock::time_point start = Clock::now();
-    while ((m_display = XOpenDisplay(":0.0")) == nullptr) {
-        if (m_server <= 0 || waitpid(m_server, nullptr, WNOHANG) != 0 ||
-            Elapsed(start, kServerStartMs)) {
-            m_server = -1;
-            error = "Xvfb did not start (see " + ArtefactPath("xserver.log") + ")";
-            return false;
-        }
-        Sleep();
+    e2e::WaitUntil([&] { return (m_display = XOpenDisplay(":0.0")) != nullptr; }, 15000);
+    if (m_display == nullptr) {
+        return "Xvfb did not start (see " + ArtefactPath("xserver.log") + ")";
     }
     XSetErrorHandler(IgnoreXErrors);
-    return true;
+    return "";
 }
 
-void XDesktop::Stop() {
-    if (m_display != nullptr) {
-        XCloseDisplay(m_display);
-        m_display = nullptr;
+pid_t XDesktop::PidOf(WindowId window) {
+    Atom type = None;
+    int format = 0;
+    unsigned long items = 0, after = 0;
+    unsigned char* data = nullptr;
+    long pid = -1;
+    if (XGetWindowProperty(m_display, window, XInternAtom(m_display, "_NET_WM_PID", False), 0, 1,
+                           False, XA_CARDINAL, &type, &format, &items, &after, &data) == Success &&
+        data != nullptr && format == 32 && items == 1) {
+        pid = *reinterpret_cast<long*>(data);
     }
-    if (m_server > 0) {
-        kill(m_server, SIGTERM);
-        if (!WaitExit(m_server, 5000)) {
-            kill(m_server, SIGKILL);
-            waitpid(m_server, nullptr, 0);
-        }
-        m_server = -1;
+    if (data != nullptr) {
+        XFree(data);
     }
+    return pid_t(pid);
 }
 
-std::vector<std::string> XDesktop::XEnvironment() const {
-    return {"XAUTHORITY=" + std::string(kAuthorityPath), "DISPLAY=:0.0",
-            "XAUTHLOCALHOSTNAME=localhost"};
-}
-
-std::vector<Window> XDesktop::WindowsOf(pid_t pid) {
-    std::vector<Window> found;
+std::vector<WindowId> XDesktop::WindowsOf(pid_t pid) {
+    std::vector<WindowId> found;
     XSync(m_display, False);
-    Window root = 0;
-    Window parent = 0;
-    Window* children = nullptr;
+    Window root = 0, parent = 0, *children = nullptr;
     unsigned count = 0;
     if (!XQueryTree(m_display, DefaultRootWindow(m_display), &root, &parent, &children, &count)) {
         return found;
     }
     for (unsigned i = 0; i < count; ++i) {
         XWindowAttributes attributes;
-        const long owner = WindowPid(m_display, children[i]);
-        if ((pid == 0 ? owner > 0 : owner == long(pid)) &&
+        const pid_t owner = PidOf(children[i]);
+        if ((pid == 0 ? owner > 0 : owner == pid) &&
             XGetWindowAttributes(m_display, children[i], &attributes) &&
             attributes.map_state == IsViewable) {
             found.push_back(children[i]);
         }
     }
-    if (children != nullptr) {
-        XFree(children);
-    }
+    XFree(children);
     return found;
 }
 
-Window XDesktop::WaitForWindow(pid_t pid, int timeoutMs) {
-    const Clock::time_point start = Clock::now();
-    for (;;) {
-        const std::vector<Window> windows = WindowsOf(pid);
-        if (!windows.empty()) {
-            return windows.front();
-        }
-        if (Elapsed(start, timeoutMs)) {
-            return 0;
-        }
-        Sleep();
-    }
+WindowId XDesktop::WaitForWindow(pid_t pid, int timeoutMs) {
+    std::vector<WindowId> windows;
+    e2e::WaitUntil([&] { return !(windows = WindowsOf(pid)).empty(); }, timeoutMs);
+    return windows.empty() ? 0 : windows.front();
 }
 
-pid_t XDesktop::PidOf(WindowId window) {
-    return pid_t(WindowPid(m_display, window));
-}
-
-Geometry XDesktop::GeometryOf(Window window) {
+Geometry XDesktop::GeometryOf(WindowId window) {
     Geometry geometry;
     XWindowAttributes attributes;
     Window child = 0;
@@ -336,19 +204,7 @@ Geometry XDesktop::GeometryOf(Window window) {
     return geometry;
 }
 
-bool XDesktop::WaitForGeometry(Window window, const std::function<bool(const Geometry&)>& done,
-                               int timeoutMs) {
-    const Clock::time_point start = Clock::now();
-    while (!done(GeometryOf(window))) {
-        if (Elapsed(start, timeoutMs)) {
-            return false;
-        }
-        Sleep();
-    }
-    return true;
-}
-
-Screenshot XDesktop::Capture(const Geometry& area) {
+Screenshot XDesktop::Capture(const Geometry& area, const std::string& name) {
     Screenshot shot;
     XSync(m_display, False);
     XImage* image = XGetImage(m_display, DefaultRootWindow(m_display), area.x, area.y,
@@ -358,33 +214,27 @@ Screenshot XDesktop::Capture(const Geometry& area) {
     }
     shot.width = area.width;
     shot.height = area.height;
-    shot.rgb.resize(size_t(area.width) * size_t(area.height) * 3);
     for (int y = 0; y < area.height; ++y) {
         for (int x = 0; x < area.width; ++x) {
-            const unsigned long pixel = XGetPixel(image, x, y);
-            uint8_t* out = &shot.rgb[(size_t(y) * size_t(area.width) + size_t(x)) * 3];
-            out[0] = uint8_t((pixel >> 16) & 0xFF); // the 24-bit TrueColor screen we started
-            out[1] = uint8_t((pixel >> 8) & 0xFF);
-            out[2] = uint8_t(pixel & 0xFF);
+            const unsigned long pixel = XGetPixel(image, x, y); // the 24-bit TrueColor screen
+            shot.rgb.insert(shot.rgb.end(),
+                            {uint8_t(pixel >> 16), uint8_t(pixel >> 8), uint8_t(pixel)});
         }
     }
     XDestroyImage(image);
-    return shot;
-}
-
-Screenshot XDesktop::Save(const Geometry& area, const std::string& name) {
-    Screenshot shot = Capture(area);
-    WritePng(ArtefactPath(name), shot.width, shot.height, shot.rgb);
+    if (!name.empty()) {
+        WritePng(ArtefactPath(name), shot);
+    }
     return shot;
 }
 
 bool XDesktop::Click(int rootX, int rootY) {
-    std::vector<std::string> env = CurrentEnvironment();
     // No --sync: it waits for ever when the pointer is already there; the
     // server handles the motion before the click all the same.
-    return Run({"/usr/bin/xdotool", "mousemove", std::to_string(rootX), std::to_string(rootY),
-                "click", "1"},
-               env, kClickMs) == 0;
+    const pid_t xdotool =
+        e2e::Spawn("/usr/bin/xdotool", {"xdotool", "mousemove", std::to_string(rootX),
+                                        std::to_string(rootY), "click", "1"});
+    return e2e::ExitedWith(e2e::WaitForExit(xdotool, 10), 0);
 }
 
 } // namespace display_e2e

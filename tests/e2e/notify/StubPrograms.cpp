@@ -1,63 +1,28 @@
-// Stand-ins for the programs around the daemon in the end-to-end tests and
-// the demo; single-threaded. Started as ".../X" or ".../Xorg" it is an X
-// server: it waits to be killed (ten minutes at most). With the arguments
+// Stand-ins for the programs around the daemon in the end-to-end tests, the
+// demo and the benchmarks; single-threaded. Started as ".../X" or ".../Xorg"
+// it is an X server: it waits to be killed (ten minutes at most). With
 // "--login USER" it adds a login record for USER on the console display ":0"
-// (a desktop log-in) and exits. Otherwise it is the
-// display program: it writes its arguments and environment to
-// ND_RECORD_DIR/display-<MESSAGE_ID>-<pid>.txt (default /run/nd-notify/records)
-// and, when ND_RECORD_DIR/../answer holds "<flags> <user>", writes an
-// acknowledgement record for MESSAGE_ID to descriptor 60.
-#include <stdio.h>
+// and exits. Otherwise it is the display program: it writes its arguments and
+// environment to ND_RECORD_DIR/display-<MESSAGE_ID>-<pid>.txt (default
+// /run/nd-notify/records) and, when ND_RECORD_DIR/../answer holds
+// "<flags> <user>", writes an acknowledgement record for MESSAGE_ID to
+// descriptor 60.
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
 #include <utmp.h>
 
+#include <algorithm>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 extern char** environ;
 
 namespace {
 
-constexpr int kAcknowledgeDaemonPort = 60;
-constexpr int kMinRecordSize = 16;
-constexpr unsigned kServerLifetimeSeconds = 600;
-
-std::string BaseName(const char* path) {
-    const char* slash = strrchr(path, '/');
-    return slash != nullptr ? slash + 1 : path;
-}
-
-int RunServer() {
-    alarm(kServerLifetimeSeconds);
-    for (;;) {
-        pause();
-    }
-}
-
-// One write of the whole record, padded to the least size a reader takes.
-void Acknowledge(int messageId, int flags, const std::string& user) {
-    std::string record(12, '\0');
-    const unsigned length = unsigned(user.size());
-    memcpy(&record[0], &messageId, 4);
-    memcpy(&record[4], &flags, 4);
-    memcpy(&record[8], &length, 4);
-    record += user;
-    record += '\0';
-    if (record.size() < size_t(kMinRecordSize)) {
-        record.resize(kMinRecordSize, '\0');
-    }
-    if (write(kAcknowledgeDaemonPort, record.data(), record.size()) != ssize_t(record.size())) {
-        perror("acknowledgement");
-    }
-}
-
 int AddLoginRecord(const char* user) {
-    struct utmp record;
-    memset(&record, 0, sizeof record);
+    struct utmp record = {};
     record.ut_type = USER_PROCESS;
     record.ut_pid = getpid();
     strncpy(record.ut_line, ":0", sizeof record.ut_line);
@@ -89,10 +54,15 @@ int RunDisplay(int argc, char** argv) {
     rename((name + ".part").c_str(), name.c_str()); // appears whole
 
     std::ifstream answer(records + "/../answer");
-    int flags = 0;
+    int32_t fields[3] = {id != nullptr ? atoi(id) : 0, 0, 0}; // id, flags, name length
     std::string user;
-    if (id != nullptr && answer >> flags >> user) {
-        Acknowledge(atoi(id), flags, user);
+    if (id != nullptr && answer >> fields[1] >> user) {
+        // One write of the whole record, padded to the least size a reader takes.
+        fields[2] = int32_t(user.size());
+        std::string record(reinterpret_cast<const char*>(fields), sizeof fields);
+        record += user + '\0';
+        record.resize(std::max<size_t>(record.size(), 16), '\0');
+        return write(60, record.data(), record.size()) == ssize_t(record.size()) ? 0 : 1;
     }
     return 0;
 }
@@ -100,9 +70,13 @@ int RunDisplay(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::string self = BaseName(argv[0]);
+    const char* slash = strrchr(argv[0], '/');
+    const std::string self = slash != nullptr ? slash + 1 : argv[0];
     if (self == "X" || self == "Xorg") {
-        return RunServer();
+        alarm(600);
+        for (;;) {
+            pause();
+        }
     }
     if (argc == 3 && strcmp(argv[1], "--login") == 0) {
         return AddLoginRecord(argv[2]);
