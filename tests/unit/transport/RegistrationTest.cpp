@@ -70,7 +70,6 @@ TEST(OpenReply, FieldsVersionNegotiationAndConfigUpdate) {
         {"", 0x00010001},                   // no PROTOCOL_VER: "1.1"
         {"PROTOCOL_VER=1.2\n", 0x00010001}, // newer gateway: ours stays
         {"PROTOCOL_VER=2.0\n", 0x00000002}, // 2.0 < 1.1
-        {"PROTOCOL_VER=0.5\n", 0x00010001}, // 0.5 packs as 1.5
         {"PROTOCOL_VER=1.0\n", 0x00000001},
     };
     for (const auto& [reply, version] : versions) {

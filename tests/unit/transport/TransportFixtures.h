@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -42,8 +43,7 @@ struct App {
             return self->cancelAfter >= 0 && polls >= self->cancelAfter ? 1 : 0;
         }
         std::lock_guard<std::mutex> lock(self->mutex);
-        Event e;
-        e.code = code;
+        Event e{code, 0, 0, 0, "", "", ""};
         if (code == kCtlConfigString) {
             auto it = self->text.find(cb->configstr.key);
             if (it != self->text.end()) {
@@ -51,13 +51,11 @@ struct App {
             }
         } else if (code != kCtlConfigInt) {
             const auto& m = cb->message; // zero-filled: absent fields are 0
-            e.transport = m.transport;
-            e.session = m.session;
+            e = {code, m.transport, m.session, m.messageid, "", "", ""};
             if (code == kCtlDataReceived) {
                 e.addr = m.addr ? m.addr : "";
                 e.data.assign(reinterpret_cast<const char*>(m.data), size_t(m.datalen));
                 e.sender = m.sender ? m.sender : "";
-                e.messageid = m.messageid;
             } else if (code == kCtlCalled) {
                 e.addr = cb->called.addr;
                 e.data = cb->called.ctlname;
@@ -73,11 +71,8 @@ struct App {
     std::vector<Event> Of(int code) {
         std::lock_guard<std::mutex> lock(mutex);
         std::vector<Event> out;
-        for (const Event& e : events) {
-            if (e.code == code) {
-                out.push_back(e);
-            }
-        }
+        std::copy_if(events.begin(), events.end(), std::back_inserter(out),
+                     [code](const Event& e) { return e.code == code; });
         return out;
     }
 };
@@ -107,16 +102,10 @@ inline int Pair(vel::CTL_HTTP_CONNECTION& link) {
 struct PairedLink {
     explicit PairedLink(vel::CHTCTL* ctl, const char* gateway = "gw.example:443")
         : link(gateway, "key", ctl, nullptr), peer(Pair(link)) {}
-    ~PairedLink() { ClosePeer(); }
-    void ClosePeer() {
-        if (peer != -1) {
-            close(peer);
-            peer = -1;
-        }
-    }
+    ~PairedLink() { close(peer); }
     std::string Drain() { return transport_test::Drain(peer); }
     vel::CTL_HTTP_CONNECTION link;
-    int peer = -1;
+    int peer;
 };
 
 // A transport created without contacting a gateway (slavetype 1), owning one
@@ -129,8 +118,7 @@ struct Harness {
     int peer = Pair(*link);
 
     Harness(int ctltype, int sessions) {
-        tagCTLCREATEPARAMS p;
-        memset(&p, 0, sizeof p);
+        tagCTLCREATEPARAMS p = {};
         p.ctltype = ctltype;
         p.slavetype = 1;
         p.sessions = sessions;
