@@ -41,7 +41,7 @@ public:
     WindowId WaitForWindow(pid_t pid, int timeoutMs); // 0 after the time-out
     pid_t PidOf(WindowId window);                     // its _NET_WM_PID
     Geometry GeometryOf(WindowId window);
-    // With a name, also saved as a PNG in artefacts/ under the build tree.
+    // With a name, also saved (binary PPM) in artefacts/ under the build tree.
     Screenshot Capture(const Geometry& area, const std::string& name = "");
     bool Click(int rootX, int rootY); // xdotool: move there, click button 1
 
