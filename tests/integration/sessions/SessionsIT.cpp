@@ -1,7 +1,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <functional>
 #include <string>
 
 #include "GatewayFixture.h"
@@ -26,25 +25,25 @@ struct Sessions : GatewayTest {
     vel::CTL_HTTP_SESSION& Session(int index) { return ctl->m_sessions[index]; }
     // The gateway sets up a session; returns the client's CONNECT_REPLY.
     devgw::Request Connect(unsigned id, const std::string& name = "console") {
+        const int n = int(gateway->RequestsFor("CONNECT_REPLY").size()) + 1;
         gateway->SendBody("CMD=CONNECT\nCONNECTION_ID=" + std::to_string(id) +
                           "\nCONTROL_NAME=" + name + "\nCONTROL_ADDR=10.1.2.3\n");
         devgw::Request reply;
-        EXPECT_TRUE(gateway->WaitForRequest("CONNECT_REPLY", 5000, &reply, ++replies));
+        EXPECT_TRUE(gateway->WaitForRequest("CONNECT_REPLY", 5000, &reply, n));
         return reply;
     }
-    // Calls `target` on another thread; `answer` runs once the request is
-    // seen (with it) and the call's result is returned.
-    int PlaceCall(const char* target, const std::function<void(const devgw::Request&)>& answer) {
+    // Calls `target` on another thread, answers the call with `reply` once the
+    // gateway has seen the `last` request (stored in `seen`); the call's result.
+    int PlaceCall(const char* target, const std::string& reply, devgw::Request* seen = nullptr,
+                  const char* last = "CTL_CONNECT") {
+        const int n = int(gateway->RequestsFor(last).size()) + 1;
         std::atomic<int> result{-100};
         std::thread caller([&] { result = ctl->Call(target, 0, nullptr, nullptr); });
-        devgw::Request request;
-        if (gateway->WaitForRequest("CTL_CONNECT", 5000, &request, ++calls)) {
-            answer(request);
-        }
+        EXPECT_TRUE(gateway->WaitForRequest(last, 5000, seen, n));
+        gateway->SendBody("CMD=CONNECT_REPLY\n" + reply);
         caller.join();
         return result;
     }
-    int replies = 0, calls = 0;
 };
 
 TEST_F(Sessions, ConnectIsAnsweredReportedAndRefusedWhenTheTableIsFull) {
@@ -59,7 +58,6 @@ TEST_F(Sessions, ConnectIsAnsweredReportedAndRefusedWhenTheTableIsFull) {
     EXPECT_EQ(called[0].session, Session(0).m_session_id);
     EXPECT_EQ(called[0].data, "NC_ConsoleWithALon"); // 15 characters of the name
     EXPECT_EQ(called[0].addr, "10.1.2.3");
-    EXPECT_EQ(Session(0).m_connection_id, 41u);
 
     // The gateway's HANGUP: number 0 and unknown numbers are ignored.
     for (const char* id : {"0", "99", "42"}) {
@@ -75,12 +73,9 @@ TEST_F(Sessions, CallByNameEstablishesTheSession) {
     app.integers["CallByName"] = 1; // the target names the gateway
     devgw::Request request;
     EXPECT_EQ(PlaceCall("NORTH\\callee",
-                        [&](const devgw::Request& r) {
-                            request = r;
-                            gateway->SendBody(
-                                "CMD=CONNECT_REPLY\nRESULT=0\nCONNECTION_ID=77\n"
-                                "CLIENT_NAME=CalleeWithALongName\nPROTOCOL_VER=1.0\n");
-                        }),
+                        "RESULT=0\nCONNECTION_ID=77\nCLIENT_NAME=CalleeWithALongName\n"
+                        "PROTOCOL_VER=1.0\n",
+                        &request),
               0);
     char host[128] = {};
     gethostname(host, sizeof host - 1);
@@ -94,34 +89,23 @@ TEST_F(Sessions, CallByNameEstablishesTheSession) {
     EXPECT_EQ(request.raw, Post(Host(), body));
 
     EXPECT_EQ(Session(0).m_inuse, 2);
-    EXPECT_EQ(Session(0).m_connection, &Link());
+    EXPECT_EQ(Session(0).m_connection, &Link()); // the shared link
     EXPECT_EQ(Session(0).m_connection_id, 77u);
     EXPECT_STREQ(Session(0).m_remote_name, "CalleeWithALong");
     EXPECT_EQ(Link().m_protocol_ver.load(), 0x00000001u); // lowered to 1.0: HTTP frames
 }
 
 TEST_F(Sessions, RefusedCancelledAndBadCalls) {
-    EXPECT_EQ(PlaceCall("1\\callee",
-                        [&](const devgw::Request&) {
-                            gateway->SendBody("CMD=CONNECT_REPLY\nRESULT=3\nFAILED_REASON=44\n");
-                        }),
-              3);
+    EXPECT_EQ(PlaceCall("1\\callee", "RESULT=3\nFAILED_REASON=44\n"), 3);
     EXPECT_EQ(ctl->GetFailedReason(), 44);
     EXPECT_EQ(Session(0).m_inuse, 0);
     EXPECT_TRUE(Link().IsConnected()); // the shared link stays
 
     app.cancelAfter = 0; // the cancellation is sent and its answer returned
-    EXPECT_EQ(PlaceCall("1\\callee",
-                        [&](const devgw::Request&) {
-                            devgw::Request cancel;
-                            ASSERT_TRUE(
-                                gateway->WaitForRequest("CTL_CANCEL_CONNECT", 5000, &cancel));
-                            EXPECT_EQ(cancel.raw,
-                                      Post(Host(), "CMD=CTL_CANCEL_CONNECT\nCONTROL_NAME=WS-TEST\n"
-                                                   "CLIENT_IP_ADDRESS=callee\n"));
-                            gateway->SendBody("CMD=CONNECT_REPLY\nRESULT=9\n");
-                        }),
-              9);
+    devgw::Request cancel;
+    EXPECT_EQ(PlaceCall("1\\callee", "RESULT=9\n", &cancel, "CTL_CANCEL_CONNECT"), 9);
+    EXPECT_EQ(cancel.raw, Post(Host(), "CMD=CTL_CANCEL_CONNECT\nCONTROL_NAME=WS-TEST\n"
+                                       "CLIENT_IP_ADDRESS=callee\n"));
     EXPECT_EQ(Session(0).m_inuse, 0);
 
     for (const char* target : {static_cast<const char*>(nullptr), "1", "7\\nobody", "x\\y"}) {

@@ -43,18 +43,6 @@ TEST_F(GatewayTest, TwoResponsesInOneReadAreBothDispatched) {
     EXPECT_TRUE(Link().IsConnected());
 }
 
-TEST_F(GatewayTest, ReconnectsAfterADropAndRegistersWithTheNegotiatedVersion) {
-    options.protocolVersion = "1.0";
-    Start(-1);
-    ASSERT_TRUE(WaitUntil([&] { return Link().m_protocol_ver == 0x00000001u; }));
-    gateway->DropClients();
-    devgw::Request again;
-    ASSERT_TRUE(gateway->WaitForRequest("OPEN", 5000, &again, 2));
-    EXPECT_EQ(again.Field("PROTOCOL_VER"), "1.0");
-    EXPECT_TRUE(WaitUntil([&] { return Link().IsConnected(); }));
-    EXPECT_EQ(gateway->ClientCount(), 1);
-}
-
 // The pause wait has no time limit; destruction must still end the thread
 // (woken by the resume event, or cancelled there) and return.
 TEST_F(GatewayTest, DestructionEndsAPausedReadThread) {
