@@ -86,12 +86,12 @@ inline void Install(const std::string& from, const std::string& to) {
     chmod(to.c_str(), 0755);
 }
 
-// The log's messages without their "YYYY-MM-DD HH:MM:SS " prefix.
-inline std::vector<std::string> LogMessages() {
+// The log's lines without their "YYYY-MM-DD HH:MM:SS " prefix (by default).
+inline std::vector<std::string> LogMessages(size_t prefix = 20) {
     std::istringstream in(ReadFile(kLogPath));
     std::vector<std::string> messages;
     for (std::string line; std::getline(in, line);) {
-        messages.push_back(line.size() >= 20 ? line.substr(20) : line);
+        messages.push_back(line.size() >= prefix ? line.substr(prefix) : line);
     }
     return messages;
 }
@@ -152,11 +152,10 @@ inline pid_t StartDaemon(const std::map<int, int>& fds = {}) {
 
 // Kills a started daemon by pid and reaps it and whatever else has ended.
 inline void StopDaemon(pid_t& daemon) {
-    if (daemon > 0) {
-        kill(daemon, SIGKILL);
+    if (daemon > 0 && kill(daemon, SIGKILL) == 0) {
         WaitForExit(daemon, 10);
-        daemon = -1;
     }
+    daemon = -1;
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
 }

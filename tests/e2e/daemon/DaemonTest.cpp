@@ -15,15 +15,6 @@ using namespace e2e;
 
 const std::string kIncomplete = "Configuration not set (or incomplete). Will not start up.";
 
-std::vector<std::string> LogLines() {
-    std::istringstream in(ReadFile(kLogPath));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 std::string LocalTimeNow() {
     char text[32] = {0};
     const time_t now = time(nullptr);
@@ -155,7 +146,7 @@ TEST_F(DaemonTest, GoodSettingsStartADetachedSingleInstance) {
     unsetenv("TZ");
     tzset();
     ASSERT_GT(pid, 0);
-    const std::vector<std::string> lines = LogLines();
+    const std::vector<std::string> lines = LogMessages(0);
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0], "earlier line");
     for (size_t i = 1; i < lines.size(); ++i) {

@@ -1,11 +1,8 @@
-// Faults from the network and around the daemon: a link reset in the middle of
-// a message, a message dribbled byte by byte, one far above 4096 bytes, a
-// header that never ends, garbage instead of a response, a burst of 1000
-// notifications, the gateway restarted, the display program missing or
-// crashing. After each the daemon still runs, registers again where the link
-// went, displays every distinct notification once (a redelivery included) and
-// reports every acknowledgement given while the link is up. Last, the shipped
-// daemon's round trip under valgrind.
+// Faults from the network and around the daemon (docs/reliability.md). After
+// each the daemon still runs, registers again where the link went, displays
+// every distinct notification once (a redelivery included) and reports every
+// acknowledgement given while the link is up. Last, the shipped daemon's
+// round trip under valgrind.
 #include <sys/stat.h>
 
 #include <iostream>
