@@ -10,7 +10,6 @@ namespace {
 
 using gateway_it::GatewayTest;
 using gateway_it::Post;
-using gateway_it::WaitUntil;
 
 // Three sessions on the transport's own gateway, which is also gateway 1
 // ("north"): calls share its link.
@@ -23,15 +22,6 @@ struct Sessions : GatewayTest {
         app.text["Gateway_Gsk_1"] = gateway_it::StoredKey("key1");
     }
     vel::CTL_HTTP_SESSION& Session(int index) { return ctl->m_sessions[index]; }
-    // The gateway sets up a session; returns the client's CONNECT_REPLY.
-    devgw::Request Connect(unsigned id, const std::string& name = "console") {
-        const int n = int(gateway->RequestsFor("CONNECT_REPLY").size()) + 1;
-        gateway->SendBody("CMD=CONNECT\nCONNECTION_ID=" + std::to_string(id) +
-                          "\nCONTROL_NAME=" + name + "\nCONTROL_ADDR=10.1.2.3\n");
-        devgw::Request reply;
-        EXPECT_TRUE(gateway->WaitForRequest("CONNECT_REPLY", 5000, &reply, n));
-        return reply;
-    }
     // Calls `target` on another thread, answers the call with `reply` once the
     // gateway has seen the `last` request (stored in `seen`); the call's result.
     int PlaceCall(const char* target, const std::string& reply, devgw::Request* seen = nullptr,
@@ -45,29 +35,6 @@ struct Sessions : GatewayTest {
         return result;
     }
 };
-
-TEST_F(Sessions, ConnectIsAnsweredReportedAndRefusedWhenTheTableIsFull) {
-    EXPECT_EQ(Connect(41, "ConsoleWithALongName").raw,
-              Post(Host(), "CMD=CONNECT_REPLY\nCONNECTION_ID=41\nCLIENT_NAME=WS-TEST\nRESULT=0\n"));
-    Connect(42);
-    Connect(43);
-    EXPECT_EQ(Connect(44).body,
-              "CMD=CONNECT_REPLY\nCONNECTION_ID=44\nCLIENT_NAME=WS-TEST\nRESULT=2\n");
-    const auto called = app.Of(kCtlCalled);
-    ASSERT_EQ(called.size(), 3u);
-    EXPECT_EQ(called[0].session, Session(0).m_session_id);
-    EXPECT_EQ(called[0].data, "NC_ConsoleWithALon"); // 15 characters of the name
-    EXPECT_EQ(called[0].addr, "10.1.2.3");
-
-    // The gateway's HANGUP: number 0 and unknown numbers are ignored.
-    for (const char* id : {"0", "99", "42"}) {
-        gateway->SendBody(std::string("CMD=HANGUP\nCONNECTION_ID=") + id + "\n");
-    }
-    ASSERT_TRUE(WaitUntil([&] { return Session(1).m_inuse == 0; }));
-    const auto hungUp = app.Of(kCtlHungUp);
-    ASSERT_EQ(hungUp.size(), 1u);
-    EXPECT_EQ(hungUp[0].session, Session(1).m_session_id);
-}
 
 TEST_F(Sessions, CallByNameEstablishesTheSession) {
     app.integers["CallByName"] = 1; // the target names the gateway

@@ -18,15 +18,13 @@
 
 namespace gateway_it {
 
+using transport_test::App;
 using transport_test::Post;
 
-using transport_test::App;
-
-// Polls `done` every 5 ms for at most `timeoutMs`.
+// Polls `done` every 5 ms, at most `timeoutMs` of sleeping.
 inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) {
+    for (int waited = 0; !done(); waited += 5) {
+        if (waited > timeoutMs) {
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -70,8 +68,7 @@ struct GatewayTest : ::testing::Test {
     }
     int Create(int ctltype, int sessions = 3) {
         ctl = new vel::CHTCTL(443);
-        tagCTLCREATEPARAMS p;
-        memset(&p, 0, sizeof p);
+        tagCTLCREATEPARAMS p = {};
         strncpy(p.name, "ws-test", sizeof p.name);
         p.ctltype = ctltype;
         p.slavetype = 256;
@@ -81,16 +78,15 @@ struct GatewayTest : ::testing::Test {
         return ctl->Create(&p);
     }
     vel::CTL_HTTP_CONNECTION& Link() { return *ctl->m_connections.at(0); }
-    // True once the OPEN_REPLY has been applied (its SERVER_VERSION stored).
-    bool Registered() {
-        vel::CSingleLock lock(&Link().m_lock, TRUE);
-        return !Link().m_server_version.empty();
-    }
-    // Starts the gateway and the transport, and waits for the registration.
+    // Starts the gateway and the transport, and waits until the OPEN_REPLY has
+    // been applied (its SERVER_VERSION stored).
     void Start(int ctltype, int sessions = 3) {
         ASSERT_NO_FATAL_FAILURE(StartGateway());
         ASSERT_EQ(Create(ctltype, sessions), 0);
-        ASSERT_TRUE(WaitUntil([&] { return Registered(); }));
+        ASSERT_TRUE(WaitUntil([&] {
+            vel::CSingleLock lock(&Link().m_lock, TRUE);
+            return !Link().m_server_version.empty();
+        }));
     }
     unsigned long Period() { return Link().m_comms_manage_pkt_period.load(); }
 };

@@ -43,18 +43,4 @@ TEST_F(GatewayTest, TwoResponsesInOneReadAreBothDispatched) {
     EXPECT_TRUE(Link().IsConnected());
 }
 
-// The pause wait has no time limit; destruction must still end the thread
-// (woken by the resume event, or cancelled there) and return.
-TEST_F(GatewayTest, DestructionEndsAPausedReadThread) {
-    Start(8);
-    Link().RequestPause();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100)); // reader now waits
-    gateway->SendConfigUpdate(3);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(Period(), 60000u); // nothing is read while paused
-    delete ctl;
-    ctl = nullptr;
-    EXPECT_TRUE(WaitUntil([&] { return gateway->ClientCount() == 0; }));
-}
-
 } // namespace

@@ -2,6 +2,7 @@
 // MESSAGERECEIVED / MESSAGEACK reports on the first link, and GETFILEINFO
 // requests with their replies into callback code 16.
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -46,7 +47,6 @@ TEST(Messages, MessageBecomesTheNotificationBlock) {
         {"sender cut to 15 in the block, 100 in the record",
          "CMD=MESSAGE\nID=1\nSENDER=" + sender150 + "\nMSG=" + Base64("x") + "\n",
          Block(sender150.substr(0, 15), std::string("x\0\0", 3)), 1, sender150.substr(0, 100)},
-        {"no ID is -1, no MSG an empty text", "CMD=MESSAGE\nSENDER=a\n", Block("a", ""), -1, "a"},
         {"last MSG wins, keywords in any case",
          "cmd=message\nmsg=" + Base64("first") + "\nMsg=" + Base64("second") + "\nid=-7\n",
          Block("", "second"), -7, ""},
@@ -60,12 +60,8 @@ TEST(Messages, MessageBecomesTheNotificationBlock) {
         const auto delivered = h.app.Of(kCtlDataReceived);
         ASSERT_EQ(delivered.size(), 1u);
         const transport_test::Event& d = delivered[0];
-        EXPECT_EQ(d.transport, 3);
-        EXPECT_EQ(d.session, 0);
-        EXPECT_EQ(d.addr, "");
-        EXPECT_EQ(d.data, c.block);
-        EXPECT_EQ(d.messageid, c.id);
-        EXPECT_EQ(d.sender, c.sender);
+        EXPECT_EQ(std::tie(d.transport, d.session, d.addr, d.data, d.messageid, d.sender),
+                  std::make_tuple(3, 0, std::string(), c.block, c.id, c.sender));
         EXPECT_EQ(h.Drain(), "") << "a message is not answered";
     }
 }
@@ -137,8 +133,6 @@ TEST(FileInfo, RequestAndRepliesUnderTheListLock) {
          "a.lnk|sxa-custom.dat|custom|6442450944|132000000000000000||locked"},
         {"last occurrence wins, absent fields empty", 0, true,
          "CMD=GETFILEINFO_REPLY\nLWT=5\nFNAME=a\nlwt=9\nfname=b\n", "|b||0|9||locked"},
-        {"unsolicited, client that connects at Create", 256, false,
-         "CMD=GETFILEINFO_REPLY\nLINK=x\n", "x|||0|0||locked"},
         {"unsolicited, other client kind", 5, false, "CMD=GETFILEINFO_REPLY\nLINK=x\n", nullptr},
         {"solicited, other client kind", 5, true, "CMD=GETFILEINFO_REPLY\nLINK=y\n",
          "y|||0|0||locked"},

@@ -1,6 +1,6 @@
-// Data frames and pausing on a created transport whose one link is a socket
-// pair: both frame forms, the broadcast walk, pause counting, and the bounds
-// kept on received frames whatever their declared length.
+// Sessions on a created transport whose one link is a socket pair: set-up and
+// hang-up by the gateway, both data frame forms, the broadcast walk, pause
+// counting, and the bounds kept on received frames whatever their length.
 #include <stdlib.h>
 
 #include <regex>
@@ -15,6 +15,32 @@
 namespace {
 
 using transport_test::Harness;
+using transport_test::Post;
+
+TEST(Sessions, ConnectIsAnsweredReportedAndRefusedWhenTheTableIsFull) {
+    Harness h(8, 1);
+    strcpy(h.ctl->m_name, "WS-TEST");
+    for (unsigned id : {41u, 42u}) {
+        h.Dispatch("CMD=CONNECT\nCONNECTION_ID=" + std::to_string(id) +
+                   "\nCONTROL_NAME=ConsoleWithALongName\nCONTROL_ADDR=10.1.2.3\n");
+    }
+    EXPECT_EQ(h.Drain(), Post("gw.example:443", "CMD=CONNECT_REPLY\nCONNECTION_ID=41\n"
+                                                "CLIENT_NAME=WS-TEST\nRESULT=0\n") +
+                             Post("gw.example:443", "CMD=CONNECT_REPLY\nCONNECTION_ID=42\n"
+                                                    "CLIENT_NAME=WS-TEST\nRESULT=2\n"));
+    const auto called = h.app.Of(kCtlCalled);
+    ASSERT_EQ(called.size(), 1u);
+    EXPECT_EQ(called[0].session, 1);
+    EXPECT_EQ(called[0].data, "NC_ConsoleWithALon"); // 15 characters of the name
+    EXPECT_EQ(called[0].addr, "10.1.2.3");
+    EXPECT_EQ(h.ctl->m_sessions[0].m_connection_id, 41u);
+    // The gateway's HANGUP: number 0 and unknown numbers are ignored.
+    for (const char* id : {"0", "99", "41"}) {
+        h.Dispatch(std::string("CMD=HANGUP\nCONNECTION_ID=") + id + "\n");
+    }
+    EXPECT_EQ(h.app.Of(kCtlHungUp).size(), 1u);
+    EXPECT_EQ(h.ctl->m_sessions[0].m_inuse, 0);
+}
 
 // The form follows the link's protocol version: 1.1 and later bare frames,
 // older ones requests. The sequence number starts again at each attach.

@@ -36,55 +36,15 @@ TEST(Interface, SlotOrder) {
     }
 }
 
-TEST(Create, NamesSessionsAndSubsetBitmaps) {
+TEST(Create, NameAndSerialAreCutAndUpperCased) {
     CHTCTL ctl(443);
     tagCTLCREATEPARAMS p = {};
     memcpy(p.name, "workstation-0042", 16); // 16 characters, no terminator
     memcpy(p.serial, "ab12cd34ef5", 11);
-    p.ctltype = 8;
     p.slavetype = 1; // no gateway contacted
-    p.sessions = 9;
     EXPECT_EQ(ctl.Create(&p), 0);
     EXPECT_STREQ(ctl.m_name, "WORKSTATION-004");
     EXPECT_STREQ(ctl.m_serial, "AB12CD34EF");
-    EXPECT_EQ(ctl.m_sessions[8].m_session_id, 9);
-    // Only the transport's two bytes are copied from the caller's.
-    unsigned char on[4] = {0x81, 0x01, 0x77, 0x77};
-    unsigned char off[4] = {0x02, 0x00, 0x77, 0x77};
-    CTL_SUBSET mine = {4, on, off};
-    CTL_SUBSET* subset = ctl.Subset(&mine);
-    EXPECT_EQ(subset->len, 2);
-    EXPECT_EQ(subset->subset[0] | subset->subset[1] << 8 | subset->omit[0] << 16, 0x020181);
-
-    Harness negative(-1, 0); // no bitmaps, an empty table
-    subset = negative.ctl->Subset(&mine);
-    EXPECT_TRUE(subset->subset == nullptr && subset->omit == nullptr);
-    EXPECT_EQ(negative.ctl->ReserveSession(), 0);
-    EXPECT_EQ(negative.ctl->GetNumberOfClientBuffers(0), 3);
-}
-
-TEST(Sessions, ReserveAndBufferCounts) {
-    Harness h(8, 4);
-    CHTCTL& ctl = *h.ctl;
-    EXPECT_EQ(ctl.ReserveSession(), 1);
-    EXPECT_EQ(ctl.ReserveSession(), 2);
-    ctl.m_sessions[0].m_inuse = 0;
-    EXPECT_EQ(ctl.ReserveSession(), 3);
-    EXPECT_EQ(ctl.ReserveSession(), 4);
-    EXPECT_EQ(ctl.ReserveSession(), 1); // wraps to the freed one
-    EXPECT_EQ(ctl.ReserveSession(), 0);
-
-    const int states[4][3] = {{2, 5, 0}, {2, 2, 0}, {1, 1, 0}, {1, 0, 1}}; // inuse, nbufs, inbound
-    for (int i = 0; i < 4; ++i) {
-        ctl.m_sessions[i].m_inuse = states[i][0];
-        ctl.m_sessions[i].m_nbufs = states[i][1];
-        ctl.m_sessions[i].m_inbound = states[i][2];
-    }
-    EXPECT_EQ(ctl.GetNumberOfClientBuffers(1), 5);
-    EXPECT_EQ(ctl.GetNumberOfClientBuffers(3), 0); // not connected
-    EXPECT_EQ(ctl.GetNumberOfClientBuffers(5), 0); // past the table
-    EXPECT_EQ(ctl.GetNumberOfClientBuffers(0), 2); // smallest connected, from 3
-    EXPECT_EQ(ctl.GetNumberOfActiveSessions(), 3);
 }
 
 std::string Hangup(unsigned id) {

@@ -46,7 +46,7 @@ TEST(Registration, EveryLineInOrderAndTheAnswersChainStopsAtTheFirstEmpty) {
 }
 
 // Replies as the dispatcher hands them over: lines, ended by an empty one.
-TEST(OpenReply, FieldsVersionNegotiationAndConfigUpdate) {
+TEST(OpenReply, FieldsAndVersionNegotiation) {
     CHTCTL ctl(443);
     CTL_HTTP_CONNECTION link("gw:1", "k", &ctl, nullptr);
     std::string body = "SERVER_VERSION=gw 9.1\nMAXPACKET=1500\nRESULT=3\nFAILED_REASON=42\n"
@@ -58,12 +58,6 @@ TEST(OpenReply, FieldsVersionNegotiationAndConfigUpdate) {
     EXPECT_EQ(link.m_open_reply_err, 3);
     EXPECT_EQ(ctl.GetFailedReason(), 42);
     EXPECT_EQ(link.m_comms_manage_pkt_period, 15000u); // the line after the empty one is not read
-
-    body = "OTHER=1\ncmpi=5\nCMPI=7\nMAXPACKET=1\n";
-    buf = {int(body.size()) + 1, int(body.size()), 0, &body[0]};
-    ctl.OnConfigUpdate(buf, link);
-    EXPECT_EQ(link.m_comms_manage_pkt_period, 7000u);
-    EXPECT_EQ(link.m_maxpacket, 1500); // only CMPI is taken
 
     // Settled: the packed values are compared, so the minor number weighs more.
     const std::pair<const char*, DWORD> versions[] = {
