@@ -1,14 +1,17 @@
 // The display program's input (environment entries, the logo file), its
-// output (the acknowledgement record, byte for byte) and the text wrapping.
+// output (the acknowledgement record, byte for byte), the text wrapping and the
+// window slots.
 #include "Acknowledgement.h"
 #include "LogoImage.h"
 #include "NotificationRequest.h"
 #include "TextLayout.h"
+#include "WindowLayout.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace notifymsg {
 namespace {
@@ -124,6 +127,27 @@ TEST(Netpbm, RefusesWhatItCannotRead) {
     std::string error;
     ASSERT_TRUE(ParseNetpbm("P6\n# comment\n2 1\n255\n\x01\x02\x03\x04\x05\x06", image, error));
     EXPECT_EQ(image.rgb, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
+}
+
+// Stacked notifications must not cover each other: the ten WINDOW_ORDER slots
+// tile a common screen, starting at the top right.
+TEST(WindowSlots, TenSlotsTileACommonScreenWithoutOverlap) {
+    for (const auto& [w, h] : {std::pair{1280, 1024}, std::pair{1920, 1080}}) {
+        std::vector<Rect> slots;
+        for (int order = 0; order < kWindowSlots; ++order) {
+            const Rect r = NormalWindowRect(w, h, order);
+            EXPECT_TRUE(r.x >= 0 && r.y >= 0 && r.x + r.width <= w && r.y + r.height <= h)
+                << w << "x" << h << " slot " << order << " leaves the screen";
+            for (const Rect& other : slots) {
+                EXPECT_FALSE(r.x < other.x + other.width && other.x < r.x + r.width &&
+                             r.y < other.y + other.height && other.y < r.y + r.height)
+                    << w << "x" << h << " slot " << order;
+            }
+            slots.push_back(r);
+        }
+        EXPECT_EQ(slots[0].x + slots[0].width, w - kScreenMargin) << "slot 0 at the top right";
+        EXPECT_EQ(slots[0].y, kScreenMargin);
+    }
 }
 
 } // namespace
