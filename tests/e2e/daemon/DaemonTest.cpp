@@ -112,11 +112,6 @@ TEST_F(DaemonTest, ConfigurationFailuresExitWithOne) {
          noisyEnv,
          loadFailed},
         {"empty", "", {kInstalledDaemon}, {}, {kStartLine, kIncomplete}},
-        {"old format",
-         "[HTTP]\nGatewayAddress=127.0.0.1:443\nGSK=KEY\n",
-         {kInstalledDaemon},
-         {},
-         {kStartLine, kIncomplete}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -129,6 +129,7 @@ TEST_F(NotifyTest, NewerCustomisationFileIsFetchedAndInstalled) {
         {"same time", kLink, "sxa-custom.dat", 1000},
         {"older", kLink, "sxa-custom.dat", 999},
         {"another link", "other.lnk", "sxa-custom.dat", 2000},
+        {"file name that is a command", kLink, "x;touch /run/nd-notify/injected", 2000},
     };
     for (const auto& c : ignored) {
         SCOPED_TRACE(c.name);
@@ -136,6 +137,7 @@ TEST_F(NotifyTest, NewerCustomisationFileIsFetchedAndInstalled) {
         EXPECT_EQ(m_gateway->GetRequests().size(), 1u);
         EXPECT_EQ(ReadFile(kCustomPath), "logo=first\n");
     }
+    EXPECT_NE(access("/run/nd-notify/injected", F_OK), 0);
 
     // The link in capitals is asked for as written; this gateway has no file
     // there, so custom.dat stays, and that time counts as fetched all the same.

@@ -62,8 +62,8 @@ private:
     std::string m_path;
 };
 
-// The child's wait status, or -1 when it is not our child or had not ended
-// within `seconds` (it is then killed and reaped).
+// The child's wait status; -1 if not our child or not ended in `seconds`
+// (it is then killed and reaped).
 inline int WaitForExit(pid_t child, int seconds = 10) {
     int status = 0;
     for (int tick = 0; tick < seconds * 500; ++tick) {
@@ -82,9 +82,8 @@ inline bool ExitedWith(int status, int code) {
     return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == code;
 }
 
-// `program` run with exactly `argv` (argv[0] included). The constructor
-// returns once the exec has happened, so ps and /proc show the new command
-// line; the destructor kills the child by pid and reaps it.
+// `program` run with `argv` (argv[0] included), back once it has exec'd (ps
+// shows the new command line); killed by pid and reaped on destruction.
 class RunningProcess {
 public:
     RunningProcess(std::vector<std::string> argv, const std::string& program) {
@@ -93,8 +92,7 @@ public:
             args.push_back(&arg[0]);
         }
         args.push_back(nullptr);
-        // The write end closes on exec: end of file on the read end means the
-        // new command line is in place.
+        // The write end closes on exec: end of file means the exec happened.
         int execed[2];
         if (pipe2(execed, O_CLOEXEC) != 0) {
             return;
