@@ -1,6 +1,7 @@
 // The transport's creation record, and the back-off between attempts (through
 // the timing seams) against a port that refuses and then accepts.
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -24,10 +25,8 @@ TEST(TransportStartup, CreationRecord) {
     FillCreateParams(params, "a-name-of-twenty-chs");
     EXPECT_EQ(std::string(params.name, sizeof params.name), "a-name-of-twenty"); // no NUL
     EXPECT_EQ(std::string(params.serial, sizeof params.serial), std::string(11, '\0'));
-    EXPECT_EQ(params.cbSize, 64u);
-    EXPECT_EQ(params.sessions, 10);
-    EXPECT_EQ(params.slavetype, 256);
-    EXPECT_EQ(params.ctltype, -1);
+    EXPECT_EQ(std::make_tuple(params.cbSize, params.sessions, params.slavetype, params.ctltype),
+              std::make_tuple(64u, 10, 256, -1));
     EXPECT_EQ(params.callback, &ClientCallback);
     EXPECT_EQ(params.cbdata, nullptr);
     EXPECT_EQ(params.iflags | params.oflags | unsigned(params.last_op), 0u);

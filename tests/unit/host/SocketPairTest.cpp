@@ -1,11 +1,10 @@
-// The socket-pair channel, its authenticity test, and the command pipe.
+// The display channel's framing, its authenticity test, and the command pipe.
 #include "host/SocketPair.h"
 #include "host/PipeSubprocess.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -17,9 +16,6 @@
 #include <tuple>
 
 namespace {
-
-using vel::kMessageClientSocket;
-using vel::kMessageServerSocket;
 
 struct Message {
     void* data = nullptr;
@@ -48,25 +44,6 @@ TEST(PipeSubprocess, DropsTheLastByteEvenWhenItIsNoLineFeed) {
         EXPECT_EQ(vel::PipeSubprocess(command, output), 0) << command;
         EXPECT_EQ(output, expected) << command;
     }
-}
-
-TEST(MakeSocketPair, ConnectsTheFixedDescriptorsAndKeepsThemAcrossExec) {
-    ASSERT_EQ(vel::MakeSocketPair(kMessageServerSocket, kMessageClientSocket), 0);
-    pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) { // bash: dash redirects only single-digit descriptors
-        execl("/bin/bash", "bash", "-c", "printf '\\002\\000\\000\\000hi' >&50", nullptr);
-        _exit(127);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    Message message;
-    Read(kMessageClientSocket, message, 1);
-    EXPECT_EQ(message.result, 0);
-    EXPECT_EQ(message.Payload(), "hi");
-    close(kMessageServerSocket);
-    close(kMessageClientSocket);
 }
 
 // Native length, then the payload; an empty message is its header alone and

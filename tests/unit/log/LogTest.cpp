@@ -2,15 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <string>
 
 namespace {
 
-TEST(Log, WithoutAnOpenFileLinesGoToStderrAfterTheLocalTime) {
-    const std::string line = vel::FormatLogLine("Configuration is good.");
-    EXPECT_TRUE(std::regex_match(
-        line, std::regex(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2} Configuration is good\.)")))
-        << line;
+TEST(Log, WithoutAnOpenFileLinesGoToStderr) {
     ASSERT_FALSE(vel::gLogging);
     testing::internal::CaptureStderr();
     vel::StopLog(); // closing a log that never opened does nothing

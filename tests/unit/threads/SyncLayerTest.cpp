@@ -21,13 +21,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Created "signalled" and set by every means before the wait, an event
-// remembers nothing; a timed wait of 1 ms lasts until the event is set.
+// Created "signalled" and set before the wait, an event remembers nothing; a
+// timed wait of 1 ms lasts until the event is set.
 TEST(Event, RemembersNothingAndATimedWaitLastsUntilSet) {
     HANDLE event = WinCreateEvent(nullptr, TRUE, TRUE, "ignored");
     ASSERT_NE(event, nullptr);
     ASSERT_TRUE(SetEvent(event));
-    ASSERT_TRUE(PulseEvent(event));
     ASSERT_TRUE(ResetEvent(event));
     auto result = std::make_shared<std::promise<DWORD>>();
     std::future<DWORD> done = result->get_future();
@@ -44,10 +43,6 @@ TEST(Event, RemembersNothingAndATimedWaitLastsUntilSet) {
     waiter.join();
     EXPECT_EQ(done.get(), 0u);
     EXPECT_TRUE(CloseHandle(event));
-
-    EXPECT_EQ(OpenEvent(0, FALSE, "any"), nullptr);
-    HANDLE none[1] = {nullptr};
-    EXPECT_EQ(WaitForMultipleObjects(1, none, TRUE, INFINITE), 0u);
     EXPECT_FALSE(SetEvent(nullptr));
     EXPECT_EQ(WaitForSingleObject(nullptr, INFINITE), static_cast<DWORD>(EINVAL));
 }

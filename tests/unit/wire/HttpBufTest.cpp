@@ -13,24 +13,10 @@ std::string Contents(const tagHTTP_BUF& buf) {
     return std::string(buf.data, size_t(buf.datalen));
 }
 
-TEST(HttpRequest, HeaderAndBodyAreByteExact) {
-    tagHTTP_BUF buf{-1, 77, 5, nullptr};
-    int lengthPos = 0;
-    const int headerLength = BuildHttpReqHeader(&buf, "gw.example:443", &lengthPos);
-    CopyToHttpBuf(&buf, "CMD=OK\n");
-    SetContentLength(&buf, lengthPos, buf.datalen - headerLength);
-    EXPECT_EQ(Contents(buf), "POST http://gw.example:443/fakeurl.htm HTTP/1.1\n"
-                             "User-Agent: Corvane Manager/1.0\n"
-                             "Content-Type: application/x-www-form-urlencoded\n"
-                             "Content-Length:     7\n"
-                             "Host: gw.example:443\n"
-                             "Connection: Keep-Alive\n"
-                             "\n"
-                             "CMD=OK\n");
-    FreeHttpBuf(&buf);
-    EXPECT_EQ(buf.data, nullptr);
-
-    // The length field holds five characters; a length that does not fit is not written.
+// The whole request is checked byte for byte by every transport test's Post().
+TEST(HttpRequest, LengthFieldHoldsFiveCharacters) {
+    tagHTTP_BUF buf{-1, 77, 5, nullptr}; // stale fields: the header starts afresh
+    // A length that does not fit is not written.
     for (const auto& [length, field] :
          {std::pair<int, const char*>{99999, "99999"}, {100000, "nnnnn"}, {-10000, "nnnnn"}}) {
         int pos = 0;
@@ -85,14 +71,7 @@ TEST(HttpMatchKeyword, MatchesTheKeyIgnoringCase) {
 
 TEST(MakeMajorMinVerParam, PacksMinorHighMajorLow) {
     const std::tuple<const char*, uint32_t> cases[] = {
-        {"2.5", 0x00050002},
-        {"3", 3},
-        {"", 1},
-        {"0.3", 0x00030001},
-        {"65536.2", 0x00020001},
-        {"x.y", 1},
-        {"10.-1", 0xFFFF000A},
-        {"1.1", 0x00010001},
+        {"3", 3}, {"0.3", 0x00030001}, {"65536.2", 0x00020001}, {"x.y", 1}, {"10.-1", 0xFFFF000A},
     };
     for (const auto& [text, packed] : cases) {
         EXPECT_EQ(MakeMajorMinVerParam(text), packed) << text;
