@@ -1,5 +1,4 @@
-// The application's callback: settings questions and the splitting of
-// notification packets (repeats and the window order are covered end to end).
+// The application's callback (repeats and the window order are covered end to end).
 #include <limits.h>
 
 #include <algorithm>
@@ -16,8 +15,7 @@
 
 namespace {
 
-// A callback whose packet lies in a block of exactly its own size, so that any
-// read past its end is a heap overflow under AddressSanitizer.
+// The packet fills its block: AddressSanitizer reports any read past its end.
 struct Packet {
     explicit Packet(const std::string& bytes, int id = 3)
         : data(new unsigned char[bytes.size() + 1]) {

@@ -1,5 +1,4 @@
-// The transport's creation record, and the back-off between attempts (through
-// the timing seams) against a port that refuses and then accepts.
+// The creation record, and the back-off against a port that refuses, then accepts.
 #include <string>
 #include <tuple>
 #include <vector>

@@ -1,5 +1,4 @@
-// The acknowledgement reader's record handling and the checks in front of the
-// customisation download, against a transport whose link is a local socket pair.
+// The acknowledgement records and the checks in front of the customisation download.
 #include <string>
 #include <vector>
 
@@ -37,17 +36,13 @@ struct Workers : ::testing::Test {
     }
 };
 
-// A record as a display program writes it, cut to `cut` bytes if given.
-std::vector<char> Record(int id, int flags, const std::string& name, size_t cut = 0) {
+// A record as a display program writes it.
+std::vector<char> Record(int id, int flags, const std::string& name) {
     NotificationAcknowledgement head = {id, flags, unsigned(name.size())};
     std::string text(reinterpret_cast<const char*>(&head), sizeof head);
     text += name;
     text += '\0';
-    std::vector<char> bytes(text.begin(), text.end());
-    if (cut != 0) {
-        bytes.resize(cut);
-    }
-    return bytes;
+    return std::vector<char>(text.begin(), text.end());
 }
 
 TEST_F(Workers, FlagsZeroOrNoTransportSendNothing) {
@@ -60,9 +55,8 @@ TEST_F(Workers, FlagsZeroOrNoTransportSendNothing) {
     EXPECT_EQ(paired.Drain(), "");
 }
 
-// Display programs acknowledging at nearly the same time: the stream delivers
-// their records in one read (seen in a burst of 1000 notifications, where one
-// acknowledgement never reached the gateway). Every whole record is passed on.
+// Records of display programs acknowledging together arrive in one read (a burst
+// of 1000 notifications once lost one this way): every whole record is passed on.
 TEST_F(Workers, RecordsArrivingInOneReadAreEachReported) {
     std::vector<char> bytes;
     for (const std::vector<char>& record :
@@ -72,9 +66,9 @@ TEST_F(Workers, RecordsArrivingInOneReadAreEachReported) {
             bytes.resize(bytes.size() + kMinAcknowledgementSize - record.size(), '\0'); // padding
         }
     }
-    const std::vector<char> tail = Record(-2, 4, "carol", 16); // name cut by the read
-    bytes.insert(bytes.end(), tail.begin(), tail.end());
-    bytes.push_back('x'); // the reader's spare byte
+    const std::vector<char> tail = Record(-2, 4, "carol");
+    bytes.insert(bytes.end(), tail.begin(), tail.begin() + 16); // name cut by the read
+    bytes.push_back('x');                                       // the reader's spare byte
     EXPECT_EQ(HandleAcknowledgements(bytes.data(), bytes.size() - 1), 4);
     EXPECT_EQ(paired.Drain(), Post(kHost, "CMD=MESSAGEACK\nID=7\nUF=6\nUN=alice\n") +
                                   Post(kHost, "CMD=MESSAGEACK\nID=-2\nUF=6\nUN=bo\n") +
@@ -107,8 +101,7 @@ TEST(Customisation, OnlyPlainNamesAndAddressesReachTheShell) {
     }
 }
 
-// Replies naming a server unfit for the command line start no download (the
-// other refused replies are covered end to end).
+// The other refused replies are covered end to end.
 TEST(Customisation, RepliesWithAnUnsafeServerStartNoDownload) {
     gLastWriteTime = 500;
     for (const char* server : {"127.0.0.1:80;touch /tmp/nd-pwned", ""}) {

@@ -1,6 +1,4 @@
-// The MESSAGE command into the notification block of callback code 1, the
-// MESSAGERECEIVED / MESSAGEACK reports on the first link, and GETFILEINFO
-// requests with their replies into callback code 16.
+// MESSAGE into callback code 1, the receipt reports, and file information.
 #include <string>
 #include <tuple>
 #include <vector>
@@ -73,8 +71,7 @@ TEST(Messages, ReportsGoOutByteForByte) {
     tagCTL_MESSAGEACKNOWLEDGEDINFO ack = {0, -1, -3, ""};
     EXPECT_EQ(h.ctl->MessageReceived(&alice), 0);
     {
-        // Sent from inside a file information callback, which holds the list
-        // lock: must not block on it.
+        // From a file information callback, under the list lock: must not block.
         vel::CSingleLock held(&h.ctl->m_lock, TRUE);
         EXPECT_EQ(h.ctl->MessageReceived(&nobody), 0);
     }

@@ -1,6 +1,4 @@
-// The display program's input (environment entries, the logo file), its
-// output (the acknowledgement record, byte for byte), the text wrapping and the
-// window slots.
+// The display program's input, its acknowledgement record, wrapping and windows.
 #include "Acknowledgement.h"
 #include "LogoImage.h"
 #include "NotificationRequest.h"
@@ -129,8 +127,7 @@ TEST(Netpbm, RefusesWhatItCannotRead) {
     EXPECT_EQ(image.rgb, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
 }
 
-// Stacked notifications must not cover each other: the ten WINDOW_ORDER slots
-// tile a common screen, starting at the top right.
+// Stacked notifications must not cover each other; slot 0 is at the top right.
 TEST(WindowSlots, TenSlotsTileACommonScreenWithoutOverlap) {
     for (const auto& [w, h] : {std::pair{1280, 1024}, std::pair{1920, 1080}}) {
         std::vector<Rect> slots;

@@ -1,5 +1,4 @@
-// Sessions on a transport whose one link is a socket pair: set-up and hang-up
-// by the gateway, data frames out, and the bounds kept on frames received.
+// Sessions set up by the gateway, data frames out, and the bounds on frames in.
 #include <stdlib.h>
 
 #include <regex>
@@ -87,9 +86,8 @@ TEST(DataFrames, BroadcastWalksAllButTheLastSession) {
     EXPECT_EQ(ids, "10 11 13 ");
 }
 
-// Received frames of both forms on session id 21: the application never gets
-// more than was decoded; a 0x5C frame is dropped and 0x04 sets the buffer
-// count, from bytes that exist only.
+// The application never gets more than was decoded; a 0x5C frame is dropped and
+// 0x04 sets the buffer count, from bytes that exist only.
 TEST(ReceivedFrames, DeclaredLengthIsBoundedByTheDecodedBytes) {
     std::string counted(15, 'c');
     counted[0] = 0x04;

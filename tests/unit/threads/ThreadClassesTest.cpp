@@ -69,8 +69,7 @@ TEST(JoinDeadline, SettledArithmeticWrapsIn32Bits) {
         {0, 4294, 967, 4294, 967000}, // t = 4294967000, just below 2^32
         {1000, 4295, 0, 1, 32704},    // 4295000000 - 2^32 + 1000000
         {-1000, 0, 0, 4293, 967296},  // 2^32 - 1000000
-        // Today's wall clock: 1.7e15 - 395812 * 2^32 = 404635648, plus
-        // 1000000; the deadline lies in 1970, so the wait times out at once.
+        // Today's clock: the deadline lies in 1970, so the wait times out at once.
         {1000, 1700000000, 0, 405, 635648},
     };
     for (const auto& [timeout, seconds, microseconds, tvSec, tvNsec] : cases) {

@@ -16,8 +16,7 @@ using transport_test::PairedLink;
 using vel::CTL_HTTP_CONNECTION;
 
 TEST(ParseTarget, AddressPortAndResolverErrors) {
-    // Target, default port, address (null: the resolver fails, the address is
-    // untouched), port.
+    // Target, default port, address (null: resolver failed, untouched), port.
     const std::tuple<const char*, int, const char*, int> cases[] = {
         {"10.0.0.5:8443", 443, "10.0.0.5", 8443},
         {"10.0.0.5:0", 443, "10.0.0.5", 443}, // 0 keeps the default
@@ -67,8 +66,7 @@ TEST(ProxyHandshake, RequestAndReplies) {
     }
 }
 
-// Settled: the handshake runs before the socket is stored, so it fails at its
-// first send and a link through a proxy never completes.
+// Settled: the handshake runs before the socket is stored, so it always fails.
 TEST(ProxyHandshake, ProxiedConnectionNeverCompletes) {
     const int proxy = transport_test::ListenLoopback(0);
     ASSERT_NE(proxy, -1);
@@ -86,9 +84,8 @@ TEST(ProxyHandshake, ProxiedConnectionNeverCompletes) {
     close(proxy);
 }
 
-// The read loop's failed read on a socket that another user has since closed
-// and reopened must not close the fresh link (it once cut an add-domain
-// request off before it was sent).
+// A failed read on a socket since closed and reopened must not close the fresh
+// link (it once cut an add-domain request off before it was sent).
 TEST(Connection, StaleReadFailureLeavesAReopenedSocketOpen) {
     const int listener = transport_test::ListenLoopback(0, 4);
     ASSERT_NE(listener, -1);

@@ -46,7 +46,6 @@ TEST(Dispatch, ReceivedBytesTable) {
          kKept},
         {"data block", "NC_DATA\nContent-Length: 6\n\nCID=1\nHTTP/1.1 200", kKept, 60000,
          "HTTP/1.1 200"},
-        {"part of a start line", "HTTP/1.", kWaits},
         {"header not ended", "HTTP/1.1 200 OK\r\nContent-length: 5\r\n", kWaits},
         {"body not whole", Response(body).substr(0, 40), kWaits},
         {"huge Content-length", kHuge, kWaits},
