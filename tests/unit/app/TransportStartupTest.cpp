@@ -69,17 +69,11 @@ TEST(TransportStartup, RetriesWithTheBackOffUntilTheGatewayAnswers) {
     if (__lsan_enable != nullptr) {
         __lsan_enable();
     }
-    std::string logged = testing::internal::GetCapturedStderr();
+    testing::internal::GetCapturedStderr();
 
     EXPECT_NE(transport.load(), nullptr);
     EXPECT_EQ(gWaits, (std::vector<long long>{60, 120, 240, 480, 960, 1920, 3840, 7680, 15360,
                                               28800, 28800, 28800}));
-    size_t retries = 0;
-    for (size_t at = 0; (at = logged.find("Couldn't connect. Trying again.\n", at)) != logged.npos;
-         ++at) {
-        ++retries;
-    }
-    EXPECT_EQ(retries, kFailures);
 
     StopTransport();
     EXPECT_EQ(transport.load(), nullptr);

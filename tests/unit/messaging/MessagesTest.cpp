@@ -79,12 +79,6 @@ TEST(Messages, ReportsGoOutByteForByte) {
     EXPECT_EQ(h.Drain(), Post("gw.example:443", "CMD=MESSAGERECEIVED\nID=42\nUF=0\nUN=alice\n") +
                              Post("gw.example:443", "CMD=MESSAGERECEIVED\nID=7\nUF=1\n") +
                              Post("gw.example:443", "CMD=MESSAGEACK\nID=-1\nUF=-3\n"));
-
-    h.ctl->m_connections.clear(); // no link: nothing sent, still 0
-    EXPECT_EQ(h.ctl->MessageReceived(&alice), 0);
-    EXPECT_EQ(h.ctl->MessageAcknowledged(&ack), 0);
-    EXPECT_EQ(h.Drain(), "");
-    h.ctl->m_connections.push_back(h.link);
 }
 
 // What one code-16 callback carried: link|file|sub|size|lwt|server|lock held.
