@@ -46,8 +46,7 @@ TEST(PipeSubprocess, DropsTheLastByteEvenWhenItIsNoLineFeed) {
     }
 }
 
-// Native length, then the payload; an empty message is its header alone and
-// reads back as a buffer of the padding; end of stream is 9.
+// Native length, payload; an empty message reads back as padding; end of stream is 9.
 TEST(LengthPrefixed, WireBytesEmptyMessageAndEndOfStream) {
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);

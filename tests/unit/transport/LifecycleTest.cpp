@@ -13,8 +13,7 @@ using transport_test::Harness;
 using transport_test::Post;
 using vel::CHTCTL;
 
-// The vtable slots of virtual members (Itanium C++ ABI: a pointer to a
-// virtual member holds 1 + its byte offset in the table).
+// Itanium C++ ABI: a pointer to a virtual member holds 1 + its vtable offset.
 template <class F> long Slot(F member) {
     long raw[2];
     memcpy(raw, &member, sizeof raw);

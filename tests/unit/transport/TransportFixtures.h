@@ -1,5 +1,4 @@
-// Helpers of the transport tests: an application callback, links whose socket
-// is one end of a socket pair, and a created transport owning such a link.
+// Transport test helpers: an application callback, links on socket pairs.
 #pragma once
 
 #include <arpa/inet.h>
@@ -25,10 +24,8 @@ struct Event {
     std::string addr, data, sender; // data: code 1 datalen bytes, code 10 the name
 };
 
-// The application's callback: answers codes 7 and 8 by the setting's key
-// (absent: empty text, the default integer), cancels (code 4) from
-// `cancelAfter` polls on, and records every other event. Fill the maps
-// before the transport runs threads.
+// Answers codes 7 and 8 from the maps (fill them before threads run), cancels
+// (code 4) from `cancelAfter` polls on, and records every other event.
 struct App {
     std::mutex mutex;
     std::map<std::string, std::string> text;
@@ -108,8 +105,7 @@ struct PairedLink {
     int peer;
 };
 
-// A transport created without contacting a gateway (slavetype 1), owning one
-// paired link to "gw.example:443".
+// A transport created without a gateway (slavetype 1) owning a paired link.
 struct Harness {
     App app;
     vel::CHTCTL* ctl = new vel::CHTCTL(443);

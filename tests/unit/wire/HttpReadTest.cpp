@@ -1,5 +1,4 @@
-// The response readers on a socket pair: what the end-to-end fault tests
-// cannot see (compaction, the buffer freed on every failure).
+// What the fault tests cannot see: compaction, the buffer freed on every failure.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -44,10 +43,7 @@ TEST(HttpRead, SpentBytesAreDroppedAndEveryFailureFreesTheBuffer) {
     shutdown(fds[1], SHUT_WR);
     EXPECT_EQ(Read(fds[0], buf, 20), "HTTP/1.1 200 OK\n|<no body>");
     EXPECT_EQ(buf.data, nullptr);
-    testing::internal::CaptureStdout();
     EXPECT_EQ(ReadHttpHeader(fds[0], &buf), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "(httputil.c) Error 0 reading HTTP response header\n");
     EXPECT_EQ(buf.data, nullptr);
     close(fds[0]);
     close(fds[1]);
