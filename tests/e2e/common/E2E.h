@@ -1,6 +1,5 @@
-// Shared by the end-to-end tests, which run as root inside tests/support/sandbox
-// on their main thread: the daemon's install paths, its log and settings, and
-// child processes started, waited for (always bounded) and killed by pid.
+// For tests run as root in tests/support/sandbox, on their main thread: the
+// daemon's paths, log and settings, and child processes (bounded waits).
 #pragma once
 
 #include <sys/prctl.h>
@@ -25,6 +24,7 @@ namespace e2e {
 
 using Clock = std::chrono::steady_clock;
 using hosttest::ExitedWith;
+using hosttest::Install;
 using hosttest::ReadFile;
 using hosttest::WaitForExit;
 using hosttest::WriteFile;
@@ -38,7 +38,7 @@ const std::string kStartLine = "Corvane Notify Client for Linux version 2.02 sta
 const std::string kGood = "Configuration is good.";
 const std::string kStarted = "Started up successfully.";
 
-inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
+inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
     const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!done()) {
         if (Clock::now() > end) {
@@ -77,13 +77,6 @@ inline pid_t Spawn(const std::string& path, const std::vector<std::string>& args
         _exit(127);
     }
     return pid;
-}
-
-// Copies a program to its install path (unlinked first: it may be running).
-inline void Install(const std::string& from, const std::string& to) {
-    unlink(to.c_str());
-    WriteFile(to, ReadFile(from));
-    chmod(to.c_str(), 0755);
 }
 
 // The log's lines without their "YYYY-MM-DD HH:MM:SS " prefix (by default).

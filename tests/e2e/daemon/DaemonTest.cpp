@@ -46,9 +46,8 @@ protected:
     }
     void TearDown() override { StopDaemon(m_daemon); }
 
-    // A daemon that ends on its own: the launched process and the
-    // intermediate child exit with 0; the daemon is the youngest, so in the
-    // sandbox's fresh pid namespace it has the highest pid. Its status.
+    // The status of a daemon that ends on its own (the youngest of the three
+    // processes: the highest pid in the sandbox); its fork parents exit 0.
     int RunToExit(const std::vector<std::string>& args = {kInstalledDaemon},
                   const std::vector<std::string>& env = {}) {
         Spawn(kInstalledDaemon, args, env);
@@ -172,11 +171,9 @@ TEST_F(DaemonTest, GoodSettingsStartADetachedSingleInstance) {
         const size_t at = status.find(name + ":\t");
         return at == std::string::npos ? 0 : strtoull(&status[at + name.size() + 2], nullptr, 16);
     };
-    for (int sig : {SIGHUP, SIGPIPE}) {
-        EXPECT_TRUE(mask("SigIgn") & (1ull << (sig - 1))) << strsignal(sig) << " ignored";
-    }
-    for (int sig : {SIGINT, SIGTERM}) {
-        EXPECT_TRUE(mask("SigCgt") & (1ull << (sig - 1))) << strsignal(sig) << " caught";
+    for (const auto& [set, sig] : {std::pair{"SigIgn", SIGHUP}, std::pair{"SigIgn", SIGPIPE},
+                                   std::pair{"SigCgt", SIGINT}, std::pair{"SigCgt", SIGTERM}}) {
+        EXPECT_TRUE(mask(set) & (1ull << (sig - 1))) << strsignal(sig) << " in " << set;
     }
 
     EXPECT_TRUE(ExitedWith(RunToExit(), 1)) << "a second instance";

@@ -66,9 +66,7 @@ std::string XDesktop::Start() {
     if (getenv("ND_SANDBOX_INNER") == nullptr) {
         return "run inside tests/support/sandbox: the X server needs private namespaces";
     }
-    // The X sockets and lock files go to /tmp: keep them inside the sandbox.
-    // The build tree may itself live under /tmp, so the old /tmp is kept
-    // aside and the build tree's top folder bound back after the mount.
+    // X sockets go to /tmp: a private one, with a build tree under /tmp bound back.
     const char* kOldTmp = "/run/nd-display-oldtmp";
     mkdir(kOldTmp, 0700);
     if (mount("/tmp", kOldTmp, nullptr, MS_BIND, nullptr) != 0 ||
@@ -193,8 +191,7 @@ Screenshot XDesktop::Capture(const Geometry& area, const std::string& name) {
 }
 
 bool XDesktop::Click(int rootX, int rootY) {
-    // No --sync: it waits for ever when the pointer is already there; the
-    // server handles the motion before the click all the same.
+    // No --sync: it waits for ever when the pointer is already there.
     const pid_t xdotool =
         e2e::Spawn("/usr/bin/xdotool", {"xdotool", "mousemove", std::to_string(rootX),
                                         std::to_string(rootY), "click", "1"});

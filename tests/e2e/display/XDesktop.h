@@ -1,8 +1,6 @@
-// A real X server for the display tests, inside the sandbox: Xvfb started as
-// "/usr/bin/X :0 -auth <file>" (so the daemon's X-server lookup finds it), the
-// authority file owned by the unprivileged desktop user, a private /tmp for
-// its sockets; and the probes the tests need. Xlib stays out of this header:
-// its macros clash with GoogleTest's names. Test main thread only.
+// Xvfb in the sandbox as "/usr/bin/X :0 -auth <file>" (as the daemon looks
+// for it), its authority file owned by the desktop user, and probes. Xlib
+// stays out of this header: its macros clash with GoogleTest's names.
 #pragma once
 
 #include <sys/types.h>

@@ -1,11 +1,8 @@
-// Faults from the network and around the daemon (docs/reliability.md). After
-// each the daemon still runs, registers again where the link went, displays
-// every distinct notification once (a redelivery included) and reports every
-// acknowledgement given while the link is up. Last, the shipped daemon's
-// round trip under valgrind.
+// Faults from the network and around the daemon (docs/reliability.md): after
+// each it still runs, registers again, shows each distinct notification once
+// and reports acknowledgements. Last, a round trip under valgrind.
 #include <sys/stat.h>
 
-#include <iostream>
 #include <regex>
 
 #include "GatewayWire.h"
@@ -15,8 +12,7 @@ namespace notify_e2e {
 namespace {
 
 constexpr int kWaitMs = 15000;
-// A lost link is tried again at once, later ones after a countdown of keep-
-// alive checks (some seconds); a restarted gateway may wait for one more.
+// Reconnection waits for keep-alive countdowns of some seconds each.
 constexpr int kReconnectMs = 30000;
 constexpr int kBurst = 1000;
 
@@ -45,9 +41,8 @@ protected:
 
     bool Registrations(size_t n) { return WaitFor("OPEN", n, kReconnectMs); }
 
-    // Sends a fresh notification (none if id is 0) and waits until it is
-    // displayed and acknowledged. Pushes are handled in order, so whatever
-    // was sent before has been handled too.
+    // Sends notification `id` and waits for its display and acknowledgement:
+    // pushes are handled in order, so all sent before are handled too.
     void ExpectRoundTrip(int id, bool send = true) {
         ASSERT_TRUE(!send || m_gateway->SendRaw(Push(id, "fresh " + std::to_string(id))));
         ASSERT_TRUE(WaitUntil([&] { return !DisplayRuns(id).empty(); }, kWaitMs)) << id;
@@ -148,10 +143,6 @@ TEST_F(FaultTest, BurstOfAThousandNotifications) {
     EXPECT_EQ(DisplayRuns().size(), size_t(kBurst) + 1);
     EXPECT_EQ(Count("MESSAGERECEIVED"), size_t(kBurst) + 1);
     EXPECT_EQ(Count("MESSAGEACK"), size_t(kBurst) + 1);
-    for (int i = 0; i < kBurst; i += 97) {
-        ExpectDisplayedOnce(10000 + i);
-        EXPECT_EQ(Count("MESSAGEACK", 10000 + i), 1u);
-    }
     EXPECT_EQ(Count("OPEN"), 1u);
     EXPECT_EQ(ZombieChildren(m_daemon), 0);
 }
@@ -250,8 +241,6 @@ TEST_F(ValgrindTest, NotificationRoundTripLeavesNoDefiniteLeaks) {
                  lost[1] == "0"))
         << report;
     EXPECT_NE(report.find("ERROR SUMMARY: 0 errors"), std::string::npos) << report;
-    std::cout << "[memcheck] "
-              << report.substr(std::min(report.size(), report.find("HEAP SUMMARY"))) << "\n";
 }
 
 } // namespace

@@ -1,7 +1,5 @@
-// notifydaemon_fast: the daemon with its fixed waits shortened, for the
-// end-to-end tests and benchmarks only; never installed. One second of the
-// start-up back-off lasts 10 ms, one minute of the customisation timer lasts
-// 1 s, and the transport sleeps 20 ms after each connection attempt.
+// The daemon with shortened waits, for tests and benchmarks only: back-off
+// seconds last 10 ms, timer minutes 1 s, connection attempts sleep 20 ms.
 #include "app/AppTimings.h"
 #include "app/corvanenotify.h"
 #include "transport/TransportTimings.h"

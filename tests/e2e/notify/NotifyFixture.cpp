@@ -102,14 +102,11 @@ void NotifyTest::WriteSettings(int port, int updateInterval) {
             "LargeLogoPath=/usr/sxa/logo.png\n");
 }
 
-pid_t NotifyTest::Start(const std::string& binary) {
-    Install(binary, kInstalledDaemon);
-    return m_daemon = StartDaemon();
-}
-
 pid_t NotifyTest::StartRegistered(const std::string& binary, int updateInterval, int timeoutMs) {
     WriteSettings(StartGateway().Port(), updateInterval);
-    return Start(binary) > 0 && WaitFor("OPEN", 1, timeoutMs) ? m_daemon : -1;
+    Install(binary, kInstalledDaemon);
+    m_daemon = StartDaemon();
+    return m_daemon > 0 && WaitFor("OPEN", 1, timeoutMs) ? m_daemon : -1;
 }
 
 size_t NotifyTest::Count(const std::string& command, int id) {

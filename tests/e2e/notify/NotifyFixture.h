@@ -1,7 +1,5 @@
-// The daemon in its sandbox against the development gateway on loopback, on a
-// fake desktop: a login record for ":0", an X server stand-in with "-auth",
-// and the recording display program (StubPrograms.cpp). The gateway has its
-// own IO thread; the rest runs on the test's main thread.
+// The daemon against the development gateway on a fake desktop: a login on
+// ":0", an X server stand-in with "-auth", the recording display program.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -45,8 +43,6 @@ protected:
 
     devgw::DevGateway& StartGateway(uint16_t port = 0);
     void WriteSettings(int port, int updateInterval = 60);
-    // Installs and starts the daemon binary; its pid or -1.
-    pid_t Start(const std::string& binary);
     // A gateway, the settings and the daemon, registered within the time.
     pid_t StartRegistered(const std::string& binary, int updateInterval = 60, int timeoutMs = 5000);
     size_t Count(const std::string& command, int id = -1);

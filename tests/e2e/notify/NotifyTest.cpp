@@ -1,7 +1,6 @@
-// The daemon end to end: registration, a notification shown by the display
-// program, its receipt and acknowledgement at the gateway, repeats, window
-// order and the customisation file, with the build with shortened
-// waits; RealDaemon* runs the shipped daemon.
+// The daemon with shortened waits end to end: registration, notifications
+// shown, received and acknowledged, repeats, window order, the customisation
+// file; RealDaemon* runs the shipped daemon.
 #include <sys/stat.h>
 
 #include <iostream>

@@ -1,12 +1,9 @@
-// Stand-ins for the programs around the daemon in the end-to-end tests, the
-// demo and the benchmarks; single-threaded. Started as ".../X" or ".../Xorg"
-// it is an X server: it waits to be killed (ten minutes at most). With
-// "--login USER" it adds a login record for USER on the console display ":0"
-// and exits. Otherwise it is the display program: it writes its arguments and
-// environment to ND_RECORD_DIR/display-<MESSAGE_ID>-<pid>.txt (default
-// /run/nd-notify/records) and, when ND_RECORD_DIR/../answer holds
-// "<flags> <user>", writes an acknowledgement record for MESSAGE_ID to
-// descriptor 60.
+// Stand-ins for the tests, the demo and the benchmarks. As ".../X" or
+// ".../Xorg": an X server waiting to be killed (ten minutes at most). With
+// "--login USER": a login record for USER on ":0". Else the display program:
+// args and environment to ND_RECORD_DIR/display-<MESSAGE_ID>-<pid>.txt
+// (default /run/nd-notify/records); if ../answer holds "<flags> <user>", an
+// acknowledgement for MESSAGE_ID on descriptor 60.
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <regex>
+
 #include "DevGateway.h"
 #include "E2E.h"
 
@@ -33,20 +35,11 @@ int RunCommand(const std::vector<std::string>& args, std::string* output = nullp
     return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// The [Service] settings of the unit file.
-std::map<std::string, std::string> ServiceSettings() {
-    std::map<std::string, std::string> settings;
-    std::istringstream in(ReadFile(kUnit));
-    std::string section;
-    for (std::string line; std::getline(in, line);) {
-        const size_t eq = line.find('=');
-        if (!line.empty() && line[0] == '[') {
-            section = line;
-        } else if (section == "[Service]" && line[0] != '#' && eq != std::string::npos) {
-            settings[line.substr(0, eq)] = line.substr(eq + 1);
-        }
-    }
-    return settings;
+// A setting of the unit file (each name appears once, in [Service]).
+std::string Service(const std::string& name) {
+    std::smatch value;
+    const std::string unit = ReadFile(kUnit);
+    return std::regex_search(unit, value, std::regex("\n" + name + "=(.*)")) ? value.str(1) : "";
 }
 
 class Package : public testing::Test {
@@ -101,10 +94,9 @@ TEST_F(Package, HoldsTheInstallLayout) {
     EXPECT_EQ(listing.find("/usr/sxa/daemon/config.dat\n"), std::string::npos)
         << "the admin's settings are never shipped";
 
-    const std::map<std::string, std::string> service = ServiceSettings();
-    EXPECT_EQ(service.at("Type"), "forking");
-    EXPECT_EQ(service.at("ExecStart"), "/usr/sxa/daemon/notifydaemon");
-    EXPECT_EQ(service.at("PIDFile"), "/usr/sxa/daemon/notifydaemon.pid");
+    EXPECT_EQ(Service("Type"), "forking");
+    EXPECT_EQ(Service("ExecStart"), "/usr/sxa/daemon/notifydaemon");
+    EXPECT_EQ(Service("PIDFile"), "/usr/sxa/daemon/notifydaemon.pid");
     const std::string logrotate = ReadFile(kRoot + "/etc/logrotate.d/notifydaemon");
     EXPECT_NE(logrotate.find("\n/var/log/notifydaemon.log {\n"), std::string::npos);
     EXPECT_NE(logrotate.find("copytruncate"), std::string::npos);
@@ -122,7 +114,6 @@ TEST_F(Package, HoldsTheInstallLayout) {
 TEST_F(Package, InstalledDaemonStartsAsItsUnitSaysWithAKeyFromNotifykey) {
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); // the forked daemon comes back to us
     ASSERT_EQ(RunCommand({"cp", "-a", kRoot + "/usr/sxa/.", "/usr/sxa/"}), 0);
-    const std::map<std::string, std::string> service = ServiceSettings();
     if (access("/usr/bin/systemd-analyze", X_OK) == 0) {
         std::string report;
         EXPECT_EQ(RunCommand({"systemd-analyze", "verify", kUnit}, &report), 0) << report;
@@ -136,13 +127,12 @@ TEST_F(Package, InstalledDaemonStartsAsItsUnitSaysWithAKeyFromNotifykey) {
 
     // Type=forking: the started process exits 0 once the daemon is on its way,
     // and the daemon's pid is then read from PIDFile, the daemon's own pid file.
-    EXPECT_EQ(RunCommand({service.at("ExecStart")}), 0);
-    ASSERT_TRUE(
-        WaitUntil([&] { return atoi(ReadFile(service.at("PIDFile")).c_str()) > 0; }, 10000));
-    pid_t daemon = atoi(ReadFile(service.at("PIDFile")).c_str());
+    EXPECT_EQ(RunCommand({Service("ExecStart")}), 0);
+    ASSERT_TRUE(WaitUntil([&] { return atoi(ReadFile(Service("PIDFile")).c_str()) > 0; }, 10000));
+    pid_t daemon = atoi(ReadFile(Service("PIDFile")).c_str());
     EXPECT_EQ(ReadFile(kPidPath), std::to_string(daemon));
     EXPECT_EQ(ReadFile("/proc/" + std::to_string(daemon) + "/cmdline"),
-              service.at("ExecStart") + std::string(1, '\0'));
+              Service("ExecStart") + std::string(1, '\0'));
     devgw::Request open;
     EXPECT_TRUE(gateway.WaitForRequest("OPEN", 30000, &open)); // 10 s after connecting
     // The transport upper-cases the clear key before deriving its wire form.
@@ -152,7 +142,7 @@ TEST_F(Package, InstalledDaemonStartsAsItsUnitSaysWithAKeyFromNotifykey) {
     kill(daemon, SIGTERM);
     const int status = WaitForExit(daemon, 10);
     ASSERT_TRUE(status != -1 && WIFEXITED(status));
-    EXPECT_EQ(std::to_string(WEXITSTATUS(status)), service.at("SuccessExitStatus"));
+    EXPECT_EQ(std::to_string(WEXITSTATUS(status)), Service("SuccessExitStatus"));
     EXPECT_EQ(ReadFile(kPidPath), "");
     StopDaemon(daemon);
 }

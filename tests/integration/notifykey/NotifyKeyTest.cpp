@@ -1,12 +1,9 @@
 // notifykey run as an admin would: arguments, standard input, exit status and
 // the exact text it prints.
-#include "transport/password.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
+
+#include "E2E.h"
 
 #include <string>
 #include <vector>
@@ -18,46 +15,27 @@ struct Result {
     std::string out;
 };
 
-// Runs notifykey (standard error to /dev/null); the input is small enough
-// for the pipe's buffer.
+// Runs notifykey (standard error to /dev/null); input and output are small
+// enough for the pipes' buffers.
 Result NotifyKey(const std::vector<std::string>& args, const std::string& input = "") {
     int in[2], out[2];
     Result result;
-    if (pipe(in) != 0 || pipe(out) != 0) {
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
         return result;
     }
-    std::vector<char*> argv = {const_cast<char*>(ND_NOTIFYKEY_PATH)};
-    for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
+    std::vector<std::string> argv = {ND_NOTIFYKEY_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const pid_t pid = e2e::Spawn(ND_NOTIFYKEY_PATH, argv, {}, {{0, in[0]}, {1, out[1]}, {2, null}});
+    for (int fd : {in[0], out[1], null}) {
+        close(fd);
     }
-    argv.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(open("/dev/null", O_WRONLY), 2);
-        for (int fd : {in[0], in[1], out[0], out[1]}) {
-            close(fd);
-        }
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
     EXPECT_EQ(write(in[1], input.data(), input.size()), ssize_t(input.size()));
     close(in[1]);
-    pollfd done{out[0], POLLIN, 0};
-    if (poll(&done, 1, 10000) <= 0) {
-        kill(pid, SIGKILL);
-    }
-    char buffer[4096];
-    for (ssize_t got; (got = read(out[0], buffer, sizeof buffer)) > 0;) {
-        result.out.append(buffer, size_t(got));
-    }
+    const int status = e2e::WaitForExit(pid, 10);
+    result.out = e2e::ReadFile("/proc/self/fd/" + std::to_string(out[0]));
     close(out[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.status = status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
 }
 

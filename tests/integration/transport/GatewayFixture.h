@@ -1,42 +1,24 @@
-// The real transport against development gateways on loopback, created as
-// the daemon creates it (slavetype 256), with short timings. The test thread
-// drives; read threads and waiting operations raise the callbacks.
+// The real transport, created as the daemon creates it (slavetype 256), with
+// short timings against development gateways on loopback.
 #pragma once
 
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "DevGateway.h"
+#include "E2E.h"
 #include "TransportFixtures.h"
 #include "transport/TransportTimings.h"
-#include "transport/password.h"
 
 namespace gateway_it {
 
 using transport_test::App;
 using transport_test::Post;
 
-// Polls `done` every 5 ms, at most `timeoutMs` of sleeping.
-inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
-    for (int waited = 0; !done(); waited += 5) {
-        if (waited > timeoutMs) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
-inline std::string StoredKey(const char* clear) {
-    char stored[128] = {};
-    _EncryptPassword(kPasswordSeed, clear, stored, sizeof stored);
-    return stored;
-}
+using e2e::StoredKey;
+using e2e::WaitUntil;
 
 struct GatewayTest : ::testing::Test {
     devgw::Options options;

@@ -1,6 +1,5 @@
-// Files, scratch directories and real child processes for tests, used from
-// the test's main thread: every wait is bounded and every child is killed by
-// its pid.
+// Files, scratch directories and child processes for a test's main thread:
+// every wait is bounded, every child is killed by its pid.
 #pragma once
 
 #include <fcntl.h>
@@ -30,13 +29,11 @@ inline void WriteFile(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-// Copies `program` into `directory` as `name` (mode 0755); returns its path.
-inline std::string InstallProgram(const std::string& program, const std::string& directory,
-                                  const std::string& name) {
-    const std::string path = directory + "/" + name;
-    std::filesystem::copy_file(program, path, std::filesystem::copy_options::overwrite_existing);
-    chmod(path.c_str(), 0755);
-    return path;
+// Copies a program to `to` (mode 0755), unlinked first: it may be running.
+inline void Install(const std::string& from, const std::string& to) {
+    unlink(to.c_str());
+    WriteFile(to, ReadFile(from));
+    chmod(to.c_str(), 0755);
 }
 
 // A fresh directory under /tmp, removed with its contents.
