@@ -1,4 +1,6 @@
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "GatewayFixture.h"
 
@@ -41,6 +43,26 @@ TEST_F(GatewayTest, TwoResponsesInOneReadAreBothDispatched) {
     EXPECT_TRUE(WaitUntil([&] { return ctl->GetFailedReason() == 33; }));
     EXPECT_EQ(Period(), 9000u);
     EXPECT_TRUE(Link().IsConnected());
+}
+
+// While a session is paused the read loop holds off: a CONFIG_UPDATE waits
+// until the pause is released. The pause wait has no time limit, yet
+// destruction still ends a paused read thread.
+TEST_F(GatewayTest, PausedReadLoopHoldsOffUntilResumed) {
+    Start(8);
+    Link().RequestPause();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100)); // the loop reaches its wait
+    gateway->SendConfigUpdate(7);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(Period(), 60000u);
+    Link().ReleasePause();
+    EXPECT_TRUE(WaitUntil([&] { return Period() == 7000; }));
+
+    Link().RequestPause();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    delete ctl;
+    ctl = nullptr;
+    EXPECT_TRUE(WaitUntil([&] { return gateway->ClientCount() == 0; }));
 }
 
 } // namespace

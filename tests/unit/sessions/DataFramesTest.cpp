@@ -1,6 +1,8 @@
-// Sessions set up by the gateway, data frames out, and the bounds on frames in.
+// Sessions set up by the gateway, data frames out (the broadcast walk too),
+// pause counting, and the bounds on frames in.
 #include <stdlib.h>
 
+#include <atomic>
 #include <regex>
 #include <string>
 
@@ -67,21 +69,53 @@ TEST(DataFrames, BothFormsByteForByte) {
     }
 }
 
-// Settled: the broadcast walk skips sessions the gateway set up (id 12) and
-// never reaches the last number (id 14).
-TEST(DataFrames, BroadcastWalksAllButTheLastSession) {
-    Harness h(8, 5);
-    for (int i = 0; i < 5; ++i) {
-        h.Attach(i, 10u + unsigned(i), i == 2 ? 1 : 2);
+// Sessions 1..5 carry ids 10..14, all established but number 3 (set up by
+// the gateway); the subset holds table places 0, 1 and 4, the omit map place
+// 1. Settled: the walk never reaches the last number.
+TEST(DataFrames, BroadcastWalksTheSubsetsButNeverTheLastSession) {
+    const struct {
+        int selector;
+        int ctltype;
+        const char* ids;
+    } cases[] = {{0, 8, "10 11 13 "}, {-3, 8, "10 11 13 "}, {-4, 8, "10 11 "},    {-5, 8, "10 "},
+                 {-4, -1, ""},        {-5, -1, ""},         {-9, -1, "10 11 13 "}};
+    for (const auto& c : cases) {
+        Harness h(c.ctltype, 5);
+        for (int i = 0; i < 5; ++i) {
+            h.Attach(i, 10u + unsigned(i), i == 2 ? 1 : 2);
+        }
+        unsigned char subset = 0x13, omit = 0x02;
+        CTL_SUBSET record = {1, &subset, &omit};
+        h.ctl->Subset(&record);
+        EXPECT_EQ(h.ctl->Send(c.selector, "x", 1), 0);
+        const std::string sent = h.Drain();
+        static const std::regex kId("\nCID=([0-9]+)");
+        std::string ids;
+        for (std::sregex_iterator it(sent.begin(), sent.end(), kId), end; it != end; ++it) {
+            ids += (*it)[1].str() + " ";
+        }
+        EXPECT_EQ(ids, c.ids) << c.selector << " " << c.ctltype;
     }
-    EXPECT_EQ(h.ctl->Send(0, "x", 1), 0);
-    const std::string sent = h.Drain();
-    static const std::regex kId("\nCID=([0-9]+)");
-    std::string ids;
-    for (std::sregex_iterator it(sent.begin(), sent.end(), kId), end; it != end; ++it) {
-        ids += (*it)[1].str() + " ";
-    }
-    EXPECT_EQ(ids, "10 11 13 ");
+}
+
+// A pause counts once per session on its link, for sessions this side set up;
+// hanging up a paused session releases its pause.
+TEST(Pause, CountsOncePerChangeAndOnlyForEstablishedSessions) {
+    Harness h(8, 3);
+    h.Attach(0, 10, 2);
+    h.Attach(1, 11, 1);
+    std::atomic<int>& paused = h.link->m_sessions_paused;
+    EXPECT_EQ(h.ctl->Pause(1, true), 0);
+    EXPECT_EQ(h.ctl->Pause(1, true), 0);
+    EXPECT_EQ(paused.load(), 1);
+    EXPECT_EQ(h.ctl->Pause(2, true), 0); // set up by the gateway: takes no part
+    EXPECT_EQ(paused.load(), 1);
+    EXPECT_EQ(h.ctl->Pause(0, true), -1);
+    EXPECT_EQ(h.ctl->Pause(4, true), -1);
+    h.ctl->Hangup(1);
+    EXPECT_EQ(paused.load(), 0);
+    EXPECT_EQ(h.ctl->Pause(1, false), 0);
+    EXPECT_EQ(paused.load(), 0);
 }
 
 // Never more than was decoded; 0x5C frames dropped, 0x04 sets the buffer count.
