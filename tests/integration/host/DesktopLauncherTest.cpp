@@ -28,6 +28,15 @@ TEST(ForkGuiProcess, WithoutAnXServerStartsNothing) {
     EXPECT_EQ(errno, ECHILD) << "no child may be left behind";
 }
 
+// How many times `part` occurs in `text`, overlaps included.
+int Occurrences(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 // An X server look-alike runs for every test of this fixture.
 class LaunchedProgram : public testing::Test {
 protected:
@@ -42,14 +51,9 @@ protected:
     }
     // Occurrences of `line` in what the stand-in display program recorded.
     int Recorded(pid_t child, const std::string& line) {
-        const std::string text = "\n" + hosttest::ReadFile(m_dir.Path() + "/display-none-" +
-                                                           std::to_string(child) + ".txt");
-        int count = 0;
-        for (size_t at = text.find("\n" + line); at != std::string::npos;
-             at = text.find("\n" + line, at + 1)) {
-            ++count;
-        }
-        return count;
+        return Occurrences("\n" + hosttest::ReadFile(m_dir.Path() + "/display-none-" +
+                                                     std::to_string(child) + ".txt"),
+                           "\n" + line);
     }
 
     hosttest::TempDir m_dir;
@@ -101,13 +105,9 @@ TEST_F(LaunchedProgram, AFailedChildLogsAndExitsWithOneEvenWhileTheLogIsBusy) {
     close(devNull);
     vel::StopLog();
     EXPECT_EQ(stuck, 0);
-    const std::string log = hosttest::ReadFile(vel::kLogPath).substr(logStart);
-    int logged = 0;
-    for (size_t at = log.find(" Error launching child process\n"); at != std::string::npos;
-         at = log.find(" Error launching child process\n", at + 1)) {
-        ++logged;
-    }
-    EXPECT_EQ(logged, 20);
+    EXPECT_EQ(Occurrences(hosttest::ReadFile(vel::kLogPath).substr(logStart),
+                          " Error launching child process\n"),
+              20);
 }
 
 } // namespace
