@@ -29,6 +29,10 @@ bool IsButtonFace(uint8_t r, uint8_t g, uint8_t b) {
     return r == 0x2b && g == 0x63 && b == 0xc6;
 }
 
+bool IsPressedFace(uint8_t r, uint8_t g, uint8_t b) {
+    return r == 0x1b && g == 0x43 && b == 0x91;
+}
+
 bool IsInk(uint8_t r, uint8_t g, uint8_t b) {
     return r < 0x80 && g < 0x80 && b < 0x80;
 }
@@ -112,11 +116,25 @@ protected:
         return s_desktop->Capture(s_desktop->GeometryOf(window), name);
     }
 
-    // Clicks the middle of the normal window's "Acknowledge" button.
+    // Presses and releases the middle of the normal window's "Acknowledge"
+    // button, each step seen to land (the pointer over the window, then the
+    // pressed look drawn), so that a lost input event fails here and says so.
     static void Click(WindowId window) {
         const Geometry place = s_desktop->GeometryOf(window);
         const notifymsg::Rect b = Button(window, false);
-        ASSERT_TRUE(s_desktop->Click(place.x + b.x + b.width / 2, place.y + b.y + b.height / 2));
+        ASSERT_TRUE(s_desktop->MovePointer(place.x + b.x + b.width / 2,
+                                           place.y + b.y + b.height / 2, window))
+            << s_desktop->PointerState() << ", window " << window;
+        ASSERT_TRUE(s_desktop->SetButton1(true));
+        EXPECT_TRUE(WaitUntil(
+            [&] {
+                return s_desktop->Capture(s_desktop->GeometryOf(window))
+                           .CountIn({b.x, b.y, b.width, b.height}, IsPressedFace) >
+                       size_t(b.width * b.height / 2);
+            },
+            5000))
+            << "the press did not show; " << s_desktop->PointerState();
+        ASSERT_TRUE(s_desktop->SetButton1(false));
     }
 
     // Its exit code (128 + signal when killed), -1 if it did not end in time.
@@ -163,8 +181,8 @@ TEST_F(DisplayTest, FullScreenShrinksThenAcknowledgeWritesOneRecordAsTheDesktopU
     ASSERT_TRUE(WaitUntil(
         [&] {
             place = s_desktop->GeometryOf(window);
-            return std::make_tuple(place.x, place.y, place.width) ==
-                   std::make_tuple(slot.x, slot.y, slot.width);
+            return std::make_tuple(place.x, place.y, place.width, place.height) ==
+                   std::make_tuple(slot.x, slot.y, slot.width, slot.height);
         },
         6000));
     const Screenshot shot = Shot(window, false, "acknowledge.ppm");

@@ -190,12 +190,41 @@ Screenshot XDesktop::Capture(const Geometry& area, const std::string& name) {
     return shot;
 }
 
-bool XDesktop::Click(int rootX, int rootY) {
+bool XDesktop::MovePointer(int rootX, int rootY, WindowId window) {
     // No --sync: it waits for ever when the pointer is already there.
+    const pid_t xdotool = e2e::Spawn(
+        "/usr/bin/xdotool", {"xdotool", "mousemove", std::to_string(rootX), std::to_string(rootY)});
+    if (!e2e::ExitedWith(e2e::WaitForExit(xdotool, 10), 0)) {
+        return false;
+    }
+    return e2e::WaitUntil(
+        [&] {
+            Window root = 0, child = 0;
+            int x = -1, y = -1, windowX = 0, windowY = 0;
+            unsigned buttons = 0;
+            return XQueryPointer(m_display, DefaultRootWindow(m_display), &root, &child, &x, &y,
+                                 &windowX, &windowY, &buttons) &&
+                   x == rootX && y == rootY && child == window;
+        },
+        5000);
+}
+
+bool XDesktop::SetButton1(bool down) {
     const pid_t xdotool =
-        e2e::Spawn("/usr/bin/xdotool", {"xdotool", "mousemove", std::to_string(rootX),
-                                        std::to_string(rootY), "click", "1"});
+        e2e::Spawn("/usr/bin/xdotool", {"xdotool", down ? "mousedown" : "mouseup", "1"});
     return e2e::ExitedWith(e2e::WaitForExit(xdotool, 10), 0);
+}
+
+std::string XDesktop::PointerState() {
+    Window root = 0, child = 0;
+    int x = -1, y = -1, windowX = 0, windowY = 0;
+    unsigned buttons = 0;
+    if (!XQueryPointer(m_display, DefaultRootWindow(m_display), &root, &child, &x, &y, &windowX,
+                       &windowY, &buttons)) {
+        return "pointer on another screen";
+    }
+    return "pointer at " + std::to_string(x) + "," + std::to_string(y) + " over window " +
+           std::to_string(child) + ", buttons " + std::to_string(buttons);
 }
 
 } // namespace display_e2e

@@ -41,7 +41,10 @@ public:
     Geometry GeometryOf(WindowId window);
     // With a name, also saved (binary PPM) in artefacts/ under the build tree.
     Screenshot Capture(const Geometry& area, const std::string& name = "");
-    bool Click(int rootX, int rootY); // xdotool: move there, click button 1
+    // xdotool moves the pointer; true once the server has it there, over `window`.
+    bool MovePointer(int rootX, int rootY, WindowId window);
+    bool SetButton1(bool down); // xdotool presses or releases button 1 where the pointer is
+    std::string PointerState(); // where the server has the pointer, for failure messages
 
 private:
     pid_t m_server = -1;
