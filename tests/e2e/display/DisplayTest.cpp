@@ -102,17 +102,19 @@ protected:
         return notifymsg::ButtonRect(place.width, place.height, large);
     }
 
+    // Whether the button, in the given face, covers most of its place (in time).
+    static bool ButtonShows(WindowId window, bool large, bool (*face)(uint8_t, uint8_t, uint8_t)) {
+        const notifymsg::Rect b = Button(window, large);
+        return WaitUntil([&] {
+            return s_desktop->Capture(s_desktop->GeometryOf(window))
+                       .CountIn({b.x, b.y, b.width, b.height}, face) >
+                   size_t(b.width * b.height / 2);
+        });
+    }
+
     // A screenshot of the window once its button is drawn.
     static Screenshot Shot(WindowId window, bool large, const std::string& name) {
-        const notifymsg::Rect b = Button(window, large);
-        const Geometry part{b.x, b.y, b.width, b.height};
-        EXPECT_TRUE(WaitUntil(
-            [&] {
-                return s_desktop->Capture(s_desktop->GeometryOf(window))
-                           .CountIn(part, IsButtonFace) > size_t(b.width * b.height / 2);
-            },
-            5000))
-            << name << ": no button";
+        EXPECT_TRUE(ButtonShows(window, large, IsButtonFace)) << name << ": no button";
         return s_desktop->Capture(s_desktop->GeometryOf(window), name);
     }
 
@@ -124,15 +126,9 @@ protected:
         const notifymsg::Rect b = Button(window, false);
         ASSERT_TRUE(s_desktop->MovePointer(place.x + b.x + b.width / 2,
                                            place.y + b.y + b.height / 2, window))
-            << s_desktop->PointerState() << ", window " << window;
+            << s_desktop->PointerState() << ", not over " << window;
         ASSERT_TRUE(s_desktop->SetButton1(true));
-        EXPECT_TRUE(WaitUntil(
-            [&] {
-                return s_desktop->Capture(s_desktop->GeometryOf(window))
-                           .CountIn({b.x, b.y, b.width, b.height}, IsPressedFace) >
-                       size_t(b.width * b.height / 2);
-            },
-            5000))
+        EXPECT_TRUE(ButtonShows(window, false, IsPressedFace))
             << "the press did not show; " << s_desktop->PointerState();
         ASSERT_TRUE(s_desktop->SetButton1(false));
     }

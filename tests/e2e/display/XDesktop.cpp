@@ -39,6 +39,15 @@ std::string ArtefactPath(const std::string& name) {
     return std::string(ND_ARTEFACT_DIR) + "/" + name;
 }
 
+std::string PointerText(int x, int y, unsigned long window) {
+    return "pointer at " + std::to_string(x) + "," + std::to_string(y) + " over window " +
+           std::to_string(window);
+}
+
+bool Xdotool(const std::vector<std::string>& args) {
+    return e2e::ExitedWith(e2e::WaitForExit(e2e::Spawn("/usr/bin/xdotool", args), 10), 0);
+}
+
 } // namespace
 
 size_t Screenshot::CountIn(const Geometry& part, bool (*test)(uint8_t, uint8_t, uint8_t)) const {
@@ -192,39 +201,22 @@ Screenshot XDesktop::Capture(const Geometry& area, const std::string& name) {
 
 bool XDesktop::MovePointer(int rootX, int rootY, WindowId window) {
     // No --sync: it waits for ever when the pointer is already there.
-    const pid_t xdotool = e2e::Spawn(
-        "/usr/bin/xdotool", {"xdotool", "mousemove", std::to_string(rootX), std::to_string(rootY)});
-    if (!e2e::ExitedWith(e2e::WaitForExit(xdotool, 10), 0)) {
-        return false;
-    }
-    return e2e::WaitUntil(
-        [&] {
-            Window root = 0, child = 0;
-            int x = -1, y = -1, windowX = 0, windowY = 0;
-            unsigned buttons = 0;
-            return XQueryPointer(m_display, DefaultRootWindow(m_display), &root, &child, &x, &y,
-                                 &windowX, &windowY, &buttons) &&
-                   x == rootX && y == rootY && child == window;
-        },
-        5000);
+    const std::string there = PointerText(rootX, rootY, window);
+    return Xdotool({"xdotool", "mousemove", std::to_string(rootX), std::to_string(rootY)}) &&
+           e2e::WaitUntil([&] { return PointerState() == there; }, 5000);
 }
 
 bool XDesktop::SetButton1(bool down) {
-    const pid_t xdotool =
-        e2e::Spawn("/usr/bin/xdotool", {"xdotool", down ? "mousedown" : "mouseup", "1"});
-    return e2e::ExitedWith(e2e::WaitForExit(xdotool, 10), 0);
+    return Xdotool({"xdotool", down ? "mousedown" : "mouseup", "1"});
 }
 
 std::string XDesktop::PointerState() {
     Window root = 0, child = 0;
     int x = -1, y = -1, windowX = 0, windowY = 0;
     unsigned buttons = 0;
-    if (!XQueryPointer(m_display, DefaultRootWindow(m_display), &root, &child, &x, &y, &windowX,
-                       &windowY, &buttons)) {
-        return "pointer on another screen";
-    }
-    return "pointer at " + std::to_string(x) + "," + std::to_string(y) + " over window " +
-           std::to_string(child) + ", buttons " + std::to_string(buttons);
+    XQueryPointer(m_display, DefaultRootWindow(m_display), &root, &child, &x, &y, &windowX,
+                  &windowY, &buttons); // leaves -1,-1 when on another screen
+    return PointerText(x, y, child);
 }
 
 } // namespace display_e2e
