@@ -23,14 +23,6 @@ bool SubstituteStringOnce(std::string& subject, const std::string& pattern,
     return true;
 }
 
-std::string UppercaseString(const std::string& source) {
-    std::string result(source);
-    for (char& c : result) {
-        c = AsciiUpper(c);
-    }
-    return result;
-}
-
 // Erase-based so that source and destination may be the same string.
 void StripLeadingWhitespace(const std::string& source, std::string& destination) {
     size_t first = 0;

@@ -5,25 +5,18 @@
 #include <string>
 #include <vector>
 
+#include "log/TextCase.h" // UppercaseString, AsciiUpper, AsciiLower
+
 namespace vel {
 
 void ToPascalString(const std::string& source, unsigned char* pascalString);
 bool SubstituteStringOnce(std::string& subject, const std::string& pattern,
                           const std::string& replacement);
-std::string UppercaseString(const std::string& source);
 void StripLeadingWhitespace(const std::string& source, std::string& destination);
 void StripTrailingWhitespace(const std::string& source, std::string& destination);
 void StripWhitespace(const std::string& source, std::string& destination);
 void TokeniseString(const std::string& source, const std::string& delimiters,
                     std::vector<std::string>& tokens, bool includeEmptyTokens);
-
-// The C locale's case mappings, byte for byte, whatever locale the process has.
-inline char AsciiUpper(char c) {
-    return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
-}
-inline char AsciiLower(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
 
 // True for the bytes the trimming functions remove.
 inline bool IsWhitespaceByte(char c) {

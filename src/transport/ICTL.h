@@ -35,6 +35,15 @@ enum CtlCallbackCode {
     kCtlFileInfo = 16,    // `fileinfo`
 };
 
+// Operation results beside 0 / -1, as AddDomain leaves them in errno and the
+// waiting GetFileInfo and Call report them.
+enum CtlResultCode {
+    kCtlErrorBadArgument = 87,
+    kCtlErrorCancelled = 1223,
+    kCtlErrorTimedOut = 1460,
+    kCtlCallBadTarget = 255, // Call's answer to a target it cannot parse
+};
+
 // Creation parameters. The application stores 64 in cbSize, the record's size
 // on the 32-bit targets the protocol was laid out for; with 8-byte pointers
 // the same fields take 80 bytes. The transport never reads cbSize, so the

@@ -16,5 +16,5 @@ add_library(nd_transport STATIC
   ${CMAKE_CURRENT_LIST_DIR}/htctldataframes.cpp
   ${CMAKE_CURRENT_LIST_DIR}/htctldirectory.cpp)
 target_include_directories(nd_transport PUBLIC ${PROJECT_SOURCE_DIR}/src)
-target_link_libraries(nd_transport PUBLIC nd_wire nd_threads nd_host nd_config nd_log
+target_link_libraries(nd_transport PUBLIC nd_wire nd_threads nd_host nd_log
   Threads::Threads)

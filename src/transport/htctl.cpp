@@ -5,9 +5,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <algorithm>
-#include <cctype>
+#include <string.h>
 
+#include <algorithm>
+
+#include "log/TextCase.h"
 #include "transport/password.h"
 
 namespace vel {
@@ -20,15 +22,11 @@ constexpr int kClearKeyLength = 16;
 
 std::atomic<ICTL*> gCtlInstance{nullptr};
 
-// Copies at most `limit` characters of a field that need not be terminated
-// and upper-cases them.
-void CopyUpper(char* out, const char* in, size_t fieldSize, size_t limit) {
-    size_t n = 0;
-    while (n < limit && n < fieldSize && in[n] != '\0') {
-        out[n] = char(toupper(static_cast<unsigned char>(in[n])));
-        ++n;
-    }
-    out[n] = '\0';
+// Upper-cases a field that need not be terminated into `out`, as much of it
+// as fits before out's terminator.
+template <size_t N, size_t M> void CopyUpper(char (&out)[N], const char (&in)[M]) {
+    const std::string text = UppercaseString(std::string(in, strnlen(in, std::min(M, N - 1))));
+    memcpy(out, text.c_str(), text.size() + 1);
 }
 
 CTrackedCriticalSection& CheckedListLock(CHTCTL& ctl) {
@@ -88,8 +86,8 @@ int CHTCTL::Create(tagCTLCREATEPARAMS* params) {
     params->last_op = 0;
     m_callback = params->callback;
     m_cbdata = params->cbdata;
-    CopyUpper(m_name, params->name, sizeof params->name, sizeof m_name - 1);
-    CopyUpper(m_serial, params->serial, sizeof params->serial, sizeof m_serial - 1);
+    CopyUpper(m_name, params->name);
+    CopyUpper(m_serial, params->serial);
     m_ctltype = params->ctltype;
     m_slaveType = params->slavetype;
     if (m_slaveType == 0 || m_slaveType == 256) {

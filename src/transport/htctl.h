@@ -28,6 +28,8 @@
 
 namespace vel {
 
+class OutgoingMessage;
+
 class CHTCTL : public ICTLCommon<CTL_HTTP_SESSION> {
 public:
     explicit CHTCTL(int port);
@@ -41,7 +43,7 @@ public:
     int MaxPacketSize() override { return 896; }
     // name is "n\callee" (with the "CallByName" setting, a gateway name
     // instead of n). Returns the gateway's RESULT (0: the reserved session is
-    // established on the link), -1 without an answer, 255 for a bad target;
+    // established on the link), -1 without an answer, kCtlCallBadTarget for a bad target;
     // flags and the buffers are not used.
     int Call(const char* name, int flags, char* buf1, char* buf2) override;
     // match is "n\name" (n 0: every gateway); results come through callback
@@ -52,8 +54,8 @@ public:
     int Pause(int session, bool pause) override;
     int GetFailedReason() override { return m_failed_reason.load(); }
     int NetworkInstalled(int index, s_CTL_STACKINFO* info) override;
-    // 1 with the gateway's answer in *result, or 0 with errno 87 (bad
-    // argument), 1223 (cancelled), 1460 (timed out) or ENOTCONN.
+    // 1 with the gateway's answer in *result, or 0 with errno kCtlErrorBadArgument,
+    // kCtlErrorCancelled, kCtlErrorTimedOut or ENOTCONN.
     int AddDomain(const char* name, CTL_ADDDOMAIN_PARAMS* params, long* result) override;
 
     // Operations the application calls beside the slots.
@@ -76,7 +78,7 @@ public:
 
     // Registration and keep-alive.
     int OnConnected(CTL_HTTP_CONNECTION& connection);
-    void BuildOpenRequest(CTL_HTTP_CONNECTION& connection, tagHTTP_BUF& request);
+    void BuildOpenRequest(CTL_HTTP_CONNECTION& connection, OutgoingMessage& request);
     void OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection);
     void OnConfigUpdate(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection);
     int SendSimpleCmd(const char* cmd, CTL_HTTP_CONNECTION& connection);

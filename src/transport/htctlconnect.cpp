@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "log/TextCase.h"
 #include "transport/TransportTimings.h"
 #include "transport/htctl.h"
 #include "transport/htctlconnection.h"
@@ -70,10 +71,8 @@ int ParseProxyReply(const char* reply) {
     const char* const blanks = " ";
     size_t begin = text.find_first_not_of(blanks);
     size_t end = text.find_first_of(blanks, begin);
-    std::string first = begin == std::string::npos ? "" : text.substr(begin, end - begin);
-    for (char& c : first) {
-        c = char(toupper(static_cast<unsigned char>(c)));
-    }
+    const std::string first =
+        UppercaseString(begin == std::string::npos ? "" : text.substr(begin, end - begin));
     if (first.find("HTTP") != std::string::npos && end != std::string::npos) {
         begin = text.find_first_not_of(blanks, end);
         if (begin != std::string::npos && strtol(text.c_str() + begin, nullptr, 10) == 200) {

@@ -7,8 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cctype>
-
+#include "log/TextCase.h"
 #include "threads/veltrace.h"
 #include "transport/TransportTimings.h"
 #include "transport/htctl.h"
@@ -18,14 +17,6 @@ namespace vel {
 CCriticalSection CTL_HTTP_CONNECTION::sendCritical;
 
 namespace {
-
-std::string UpperCased(const char* text) {
-    std::string s = text != nullptr ? text : "";
-    for (char& c : s) {
-        c = char(toupper(static_cast<unsigned char>(c)));
-    }
-    return s;
-}
 
 std::string DottedAddress(const in_addr& address) {
     char text[INET_ADDRSTRLEN] = {};
@@ -39,7 +30,7 @@ CTL_HTTP_CONNECTION::CTL_HTTP_CONNECTION(const char* gateway, const char* gatewa
                                          const char* proxy)
     : m_pCTL(pCTL), m_gateway(gateway != nullptr ? gateway : ""),
       m_connect_by_web_proxy(proxy != nullptr && *proxy != '\0'),
-      m_gateway_key(UpperCased(gateway_key)),
+      m_gateway_key(UppercaseString(gateway_key != nullptr ? gateway_key : "")),
       m_resume_event(WinCreateEvent(nullptr, FALSE, FALSE, nullptr)),
       m_proxy(proxy != nullptr ? proxy : "") {}
 

@@ -3,17 +3,15 @@
 // user. The operations run and wait on the caller's thread; their replies are
 // handled on the links' read threads, which end the waits by clearing the
 // links' request state under the connection-list lock.
-#include <ctype.h>
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "host/MachineDetails.h"
+#include "log/TextCase.h"
 #include "transport/TransportTimings.h"
 #include "transport/gengsk.h"
 #include "transport/htctl.h"
@@ -31,12 +29,7 @@ constexpr size_t kTargetChars = 127;
 constexpr int kSettingLength = 256;
 constexpr int kStoredKeyLength = 128;
 constexpr int kClearKeyLength = 16;
-constexpr int kHostNameLength = 128;
-constexpr int kBadTarget = 255;
 constexpr int kNoAnswer = -1; // a call that got no reply (or was never placed)
-constexpr int kErrorBadArgument = 87;
-constexpr int kErrorCancelled = 1223;
-constexpr int kErrorTimedOut = 1460;
 constexpr int kCancelPollMs = 20;
 constexpr int kReplyPollMs = 100;
 constexpr int kWantsHelpFlag = 4;
@@ -49,20 +42,13 @@ const char* Text(const char* text) {
     return text != nullptr ? text : "";
 }
 
-std::string UpperCased(std::string text) {
-    for (char& c : text) {
-        c = char(toupper(static_cast<unsigned char>(c)));
-    }
-    return text;
-}
-
 // The key as it travels: the digest of the key as a link holds it (upper
 // case); empty when there is no key.
 std::string WireGsk(const std::string& key) {
     if (key.empty()) {
         return "";
     }
-    char* gsk = GenWireGsk(UpperCased(key).c_str());
+    char* gsk = GenWireGsk(UppercaseString(key).c_str());
     std::string wire = gsk != nullptr ? gsk : "";
     free(gsk);
     return wire;
@@ -313,7 +299,7 @@ int CHTCTL::Call(const char* name, int, char*, char*) {
     std::string gatewayPart;
     std::string callee;
     if (!SplitTarget(name, gatewayPart, callee)) {
-        return kBadTarget;
+        return kCtlCallBadTarget;
     }
     // With "CallByName" the part before the backslash names the gateway.
     const int n = ctl_configint("HTTP", "CallByName", 0) != 0
@@ -321,7 +307,7 @@ int CHTCTL::Call(const char* name, int, char*, char*) {
                       : ParseDecimal(gatewayPart.c_str());
     const GatewaySettings g = ReadGateway(*this, n, ProxyFlag::kText);
     if (g.m_address.empty()) {
-        return kBadTarget;
+        return kCtlCallBadTarget;
     }
 
     const int session = ReserveSession();
@@ -346,15 +332,13 @@ int CHTCTL::Call(const char* name, int, char*, char*) {
     request.Line("PROTOCOL_VER=%u.%u\n", unsigned(version & 0xFFFF), unsigned(version >> 16));
     request.Line("CONTROL_NAME=%s\n", m_name);
     request.Line("CLIENT_IP_ADDRESS=%s\n", callee.c_str());
-    char host[kHostNameLength] = {};
-    gethostname(host, sizeof host - 1);
-    if (host[0] != '\0') {
-        request.Line("HOSTNAME=%s\n", host);
+    // Here only the parts that are known.
+    const HostIdentity identity = ReadHostIdentity(*link);
+    if (!identity.m_hostName.empty()) {
+        request.Line("HOSTNAME=%s\n", identity.m_hostName.c_str());
     }
-    std::string mac;
-    link->UseSocket([&](int s) { GetMachineMacAddress(mac, s); });
-    if (!mac.empty() && mac != "000000000000") {
-        request.Line("MACADDRESS=%s\n", mac.c_str());
+    if (!identity.m_mac.empty() && identity.m_mac != "000000000000") {
+        request.Line("MACADDRESS=%s\n", identity.m_mac.c_str());
     }
     request.Line("GSK=%s\n", WireGsk(g.m_key).c_str());
     request.WriteTo(*link);
@@ -448,13 +432,13 @@ void CHTCTL::OnConnectReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) 
 
 int CHTCTL::AddDomain(const char* name, CTL_ADDDOMAIN_PARAMS* params, long* result) {
     if (name == nullptr || *name == '\0' || params == nullptr) {
-        errno = kErrorBadArgument;
+        errno = kCtlErrorBadArgument;
         return 0;
     }
     const GatewaySettings g = ReadGateway(*this, ParseDecimal(name));
     CTL_HTTP_CONNECTION* link = ConnectGateway(*this, g, "");
     if (link == nullptr) {
-        errno = g.m_address.empty() ? kErrorBadArgument : ENOTCONN;
+        errno = g.m_address.empty() ? kCtlErrorBadArgument : ENOTCONN;
         return 0;
     }
     {
@@ -479,11 +463,11 @@ int CHTCTL::AddDomain(const char* name, CTL_ADDDOMAIN_PARAMS* params, long* resu
     int error = 0;
     while (pending()) {
         if (CheckCancelOperation() != 0) {
-            error = kErrorCancelled;
+            error = kCtlErrorCancelled;
             break;
         }
         if (Elapsed(start, limit)) {
-            error = kErrorTimedOut;
+            error = kCtlErrorTimedOut;
             break;
         }
         SleepMs(kCancelPollMs);

@@ -8,6 +8,7 @@
 #include <limits.h>
 
 #include "transport/htctl.h"
+#include "transport/htctlframing.h"
 #include "transport/htctlparse.h"
 
 namespace vel {
@@ -175,14 +176,12 @@ bool CHTCTL::ProcessMessage(tagHTTP_BUF& buf, CTL_HTTP_CONNECTION& connection) {
 bool CHTCTL::ProcessMessageBody(char* body, int length, CTL_HTTP_CONNECTION& connection) {
     tagHTTP_BUF view = {length + 1, length, 0, body};
     const char* command = nullptr;
-    for (;;) {
-        char* line = HttpGetLine(&view);
-        if (line == nullptr || *line == '\0') {
+    while (command == nullptr) {
+        char* line = NextBodyLine(view);
+        if (line == nullptr) {
             return true;
         }
-        if ((command = HttpMatchKeyword(line, "CMD")) != nullptr) {
-            break;
-        }
+        command = HttpMatchKeyword(line, "CMD");
     }
     typedef void (CHTCTL::*Handler)(tagHTTP_BUF&, CTL_HTTP_CONNECTION&);
     static const struct {
@@ -216,12 +215,7 @@ bool CHTCTL::ProcessMessageBody(char* body, int length, CTL_HTTP_CONNECTION& con
 }
 
 void CHTCTL::OnUnknownResponse(tagHTTP_BUF& body, char*) {
-    for (;;) {
-        const char* line = HttpGetLine(&body);
-        if (line == nullptr || *line == '\0') {
-            return;
-        }
-    }
+    ForEachBodyLine(body, [](char*) {});
 }
 
 } // namespace vel

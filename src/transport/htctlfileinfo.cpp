@@ -13,6 +13,7 @@
 
 #include "transport/TransportTimings.h"
 #include "transport/htctl.h"
+#include "transport/htctlframing.h"
 #include "transport/htctlparse.h"
 
 namespace vel {
@@ -22,7 +23,6 @@ namespace {
 constexpr int kWaitingSlaveType = -1;
 constexpr int kFileInfoPollMs = 20;
 constexpr uint32_t kFileInfoWaitMs = 4999; // given up once more than this has passed
-constexpr int kFileInfoTimedOut = 1460;
 
 bool ConnectsAtCreate(int slaveType) {
     return slaveType == 0 || slaveType == 256;
@@ -73,14 +73,10 @@ int CHTCTL::GetFileInfo(const char* name, tagCTL_GETFILEINFO* info) {
                 asked->getfileinfo_result = 0;
             }
             // Written whether or not the link is up: a down link fails quietly.
-            tagHTTP_BUF request = {0, 0, 0, nullptr};
-            int lengthPos = 0;
-            const int header = BuildHttpReqHeader(&request, asked->m_gateway.c_str(), &lengthPos);
-            CopyToHttpBuf(&request, "CMD=GETFILEINFO\n");
-            sprintfToHttpBuf(&request, "LINK=%s\n", info->linkname);
-            SetContentLength(&request, lengthPos, request.datalen - header);
-            asked->Write(request.data, request.datalen);
-            FreeHttpBuf(&request);
+            OutgoingMessage request(*asked);
+            request.Add("CMD=GETFILEINFO\n");
+            request.Line("LINK=%s\n", info->linkname);
+            request.WriteTo(*asked);
         }
     }
     if (!waiting) {
@@ -90,7 +86,7 @@ int CHTCTL::GetFileInfo(const char* name, tagCTL_GETFILEINFO* info) {
     // Waiting mode: the link is looked up again at every poll, so one that
     // left the list meanwhile is never touched.
     const uint32_t started = NowMs();
-    int result = kFileInfoTimedOut;
+    int result = kCtlErrorTimedOut;
     for (;;) {
         {
             CSingleLock lock(&m_lock, TRUE);
@@ -124,26 +120,18 @@ void CHTCTL::OnGetFileInfoReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connecti
     uint64_t fileSize = 0;
     uint64_t lastWriteTime = 0;
     int result = 0;
-    for (;;) {
-        char* line = HttpGetLine(&body);
-        if (line == nullptr || *line == '\0') {
-            break;
-        }
+    ForEachBodyLine(body, [&](char* line) {
         const char* value;
         if ((value = HttpMatchKeyword(line, "RESULT")) != nullptr) {
             result = ParseDecimal(value);
-        } else if ((value = HttpMatchKeyword(line, "LINK")) != nullptr) {
-            link = value;
-        } else if ((value = HttpMatchKeyword(line, "FNAME")) != nullptr) {
-            fileName = value;
-        } else if ((value = HttpMatchKeyword(line, "SUB")) != nullptr) {
-            subFolder = value;
         } else if ((value = HttpMatchKeyword(line, "FSIZE")) != nullptr) {
             fileSize = strtoull(value, nullptr, 10);
         } else if ((value = HttpMatchKeyword(line, "LWT")) != nullptr) {
             lastWriteTime = strtoull(value, nullptr, 10);
+        } else if (!TakeField(line, "LINK", link) && !TakeField(line, "FNAME", fileName)) {
+            TakeField(line, "SUB", subFolder);
         }
-    }
+    });
     const std::string serverAddress = PeerAddress(connection);
 
     CSingleLock lock(&m_lock, TRUE);

@@ -5,9 +5,11 @@
 #pragma once
 
 #include <stdarg.h>
+#include <unistd.h>
 
 #include <string>
 
+#include "host/MachineDetails.h"
 #include "transport/htctlconnection.h"
 #include "transport/htctlsession.h"
 #include "transport/httputil.h"
@@ -41,6 +43,11 @@ public:
         va_end(args);
     }
     int BodyLength() const { return m_buf.datalen - m_header; }
+    // The whole message as it would be written.
+    std::string Text() {
+        Patch();
+        return std::string(m_buf.data != nullptr ? m_buf.data : "", size_t(m_buf.datalen));
+    }
 
     // Patches the length and writes the whole message; the Write result.
     int WriteTo(CTL_HTTP_CONNECTION& connection) {
@@ -60,14 +67,17 @@ private:
     int m_header = 0;
 };
 
+// The next line of a received body, or null at the first empty line or the
+// end (lines are cut in place, as HttpGetLine does).
+inline char* NextBodyLine(tagHTTP_BUF& body) {
+    char* line = HttpGetLine(&body);
+    return line != nullptr && *line != '\0' ? line : nullptr;
+}
+
 // Calls f(line) for each line of a received body up to the first empty line
-// or the end (lines are cut in place, as HttpGetLine does).
+// or the end.
 template <class F> void ForEachBodyLine(tagHTTP_BUF& body, F f) {
-    for (;;) {
-        char* line = HttpGetLine(&body);
-        if (line == nullptr || *line == '\0') {
-            return;
-        }
+    while (char* line = NextBodyLine(body)) {
         f(line);
     }
 }
@@ -80,6 +90,20 @@ inline bool TakeField(char* line, const char* key, std::string& value) {
     }
     value = found;
     return true;
+}
+
+// The machine as requests name it: the host name and the MAC address of the
+// interface behind the link's socket.
+struct HostIdentity {
+    std::string m_hostName;
+    std::string m_mac;
+};
+inline HostIdentity ReadHostIdentity(const CTL_HTTP_CONNECTION& connection) {
+    char host[128] = {};
+    gethostname(host, sizeof host - 1);
+    HostIdentity identity{host, ""};
+    connection.UseSocket([&](int s) { GetMachineMacAddress(identity.m_mac, s); });
+    return identity;
 }
 
 } // namespace vel

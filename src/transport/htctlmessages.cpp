@@ -5,9 +5,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 
 #include "transport/htctl.h"
+#include "transport/htctlframing.h"
 #include "transport/htctlparse.h"
 #include "transport/yenc.h"
 
@@ -15,10 +17,10 @@ namespace vel {
 
 namespace {
 
-constexpr int kSenderLength = 100;     // characters of SENDER kept
-constexpr int kBlockSenderLength = 15; // of those, characters in the block
-constexpr int kBlockTextOffset = 18;   // type (2) + sender field (16)
-constexpr int kBlockTrailer = 2;       // zero bytes after the text
+constexpr size_t kSenderLength = 100;     // characters of SENDER kept
+constexpr size_t kBlockSenderLength = 15; // of those, characters in the block
+constexpr int kBlockTextOffset = 18;      // type (2) + sender field (16)
+constexpr int kBlockTrailer = 2;          // zero bytes after the text
 constexpr unsigned char kBlockType = 12;
 
 // "CMD=<command>", "ID=", "UF=" and, for a known user, "UN=", on the first
@@ -32,42 +34,31 @@ void SendMessageReport(CHTCTL& ctl, const char* command, int messageId, int user
         return;
     }
     CTL_HTTP_CONNECTION& link = *ctl.m_connections.front();
-    tagHTTP_BUF request = {0, 0, 0, nullptr};
-    int lengthPos = 0;
-    const int header = BuildHttpReqHeader(&request, link.m_gateway.c_str(), &lengthPos);
-    sprintfToHttpBuf(&request, "CMD=%s\n", command);
-    sprintfToHttpBuf(&request, "ID=%d\n", messageId);
-    sprintfToHttpBuf(&request, "UF=%d\n", userFlags);
+    OutgoingMessage request(link);
+    request.Line("CMD=%s\n", command);
+    request.Line("ID=%d\n", messageId);
+    request.Line("UF=%d\n", userFlags);
     if (userName != nullptr && userName[0] != '\0') {
-        sprintfToHttpBuf(&request, "UN=%s\n", userName);
+        request.Line("UN=%s\n", userName);
     }
-    SetContentLength(&request, lengthPos, request.datalen - header);
-    link.Write(request.data, request.datalen);
-    FreeHttpBuf(&request);
+    request.WriteTo(link);
 }
 
 } // namespace
 
 void CHTCTL::OnMessage(tagHTTP_BUF& body, CTL_HTTP_CONNECTION&) {
     std::string encoded;
-    char sender[kSenderLength + 1] = {}; // always terminated
+    std::string sender;
     int messageId = -1;
-    for (;;) {
-        char* line = HttpGetLine(&body);
-        if (line == nullptr || *line == '\0') {
-            break;
-        }
-        const char* value;
-        if ((value = HttpMatchKeyword(line, "MSG")) != nullptr) {
-            encoded = value;
-        } else if ((value = HttpMatchKeyword(line, "SENDER")) != nullptr) {
-            const size_t n = strnlen(value, kSenderLength);
-            memcpy(sender, value, n);
-            sender[n] = '\0';
-        } else if ((value = HttpMatchKeyword(line, "ID")) != nullptr) {
+    ForEachBodyLine(body, [&](char* line) {
+        if (const char* value = HttpMatchKeyword(line, "ID")) {
             messageId = ParseDecimal(value);
+        } else if (TakeField(line, "SENDER", sender)) {
+            sender.resize(std::min(sender.size(), kSenderLength));
+        } else {
+            TakeField(line, "MSG", encoded);
         }
-    }
+    });
 
     int textLength = 0;
     unsigned char* text = Decode64(encoded.c_str(), &textLength);
@@ -80,7 +71,7 @@ void CHTCTL::OnMessage(tagHTTP_BUF& body, CTL_HTTP_CONNECTION&) {
         block[0] = kBlockType;
         block[1] = 0;
         // At most 15 characters; the zero-filled block supplies the terminator.
-        memcpy(block + 2, sender, strnlen(sender, kBlockSenderLength));
+        memcpy(block + 2, sender.data(), std::min(sender.size(), kBlockSenderLength));
         if (textLength > 0) {
             memcpy(block + kBlockTextOffset, text, size_t(textLength));
         }
@@ -93,7 +84,7 @@ void CHTCTL::OnMessage(tagHTTP_BUF& body, CTL_HTTP_CONNECTION&) {
         cb.message.data = block;
         cb.message.datalen = int(blockLength);
         cb.message.messageid = messageId;
-        cb.message.sender = sender;
+        cb.message.sender = &sender[0];
         RaiseCallback(kCtlDataReceived, &cb);
         free(block);
     }

@@ -1,14 +1,11 @@
 // Registration ("CMD=OPEN"), the gateway's answers to it and the keep-alive.
 // All of it runs on the link's read thread, except the first OnConnected.
-#include <string.h>
-#include <unistd.h>
+#include <stdlib.h>
 
-#include <string>
-
-#include "host/MachineDetails.h"
 #include "transport/TransportTimings.h"
 #include "transport/gengsk.h"
 #include "transport/htctl.h"
+#include "transport/htctlframing.h"
 #include "transport/htctlparse.h"
 
 namespace vel {
@@ -16,7 +13,6 @@ namespace vel {
 namespace {
 
 constexpr int kReconnectCountdown = 30;
-constexpr int kHostNameLength = 128;
 constexpr int kChatIdLength = 16;
 constexpr int kSettingLength = 256;
 
@@ -28,34 +24,25 @@ void SetPollPeriod(CTL_HTTP_CONNECTION& connection, const char* seconds) {
 
 } // namespace
 
-void CHTCTL::BuildOpenRequest(CTL_HTTP_CONNECTION& connection, tagHTTP_BUF& request) {
-    int lengthPos = 0;
-    const int header = BuildHttpReqHeader(&request, connection.m_gateway.c_str(), &lengthPos);
-    CopyToHttpBuf(&request, "CMD=OPEN\n");
-    CopyToHttpBuf(&request, "CLIENT_VERSION=1.1\n");
+void CHTCTL::BuildOpenRequest(CTL_HTTP_CONNECTION& connection, OutgoingMessage& request) {
+    request.Add("CMD=OPEN\n");
+    request.Add("CLIENT_VERSION=1.1\n");
     const DWORD version = connection.m_protocol_ver.load();
-    sprintfToHttpBuf(&request, "PROTOCOL_VER=%u.%u\n", unsigned(version & 0xFFFF),
-                     unsigned(version >> 16));
-    sprintfToHttpBuf(&request, "MAXPACKET=%d\n", kDefaultMaxPacket);
-    sprintfToHttpBuf(&request, "CLIENT_NAME=%s\n", m_name);
-    sprintfToHttpBuf(&request, "CLIENT_ADDR=%s\n", connection.getlocaladdress().c_str());
-
-    char host[kHostNameLength] = {};
-    gethostname(host, sizeof host - 1);
-    sprintfToHttpBuf(&request, "HOSTNAME=%s\n", host);
-
-    std::string mac;
-    connection.UseSocket([&](int s) { GetMachineMacAddress(mac, s); });
-    sprintfToHttpBuf(&request, "MACADDRESS=%s\n", mac.c_str());
-
+    request.Line("PROTOCOL_VER=%u.%u\n", unsigned(version & 0xFFFF), unsigned(version >> 16));
+    request.Line("MAXPACKET=%d\n", kDefaultMaxPacket);
+    request.Line("CLIENT_NAME=%s\n", m_name);
+    request.Line("CLIENT_ADDR=%s\n", connection.getlocaladdress().c_str());
+    const HostIdentity identity = ReadHostIdentity(connection);
+    request.Line("HOSTNAME=%s\n", identity.m_hostName.c_str());
+    request.Line("MACADDRESS=%s\n", identity.m_mac.c_str());
     char* gsk = GenWireGsk(connection.GetGatewayKey().c_str());
-    sprintfToHttpBuf(&request, "GSK=%s\n", gsk != nullptr ? gsk : "");
+    request.Line("GSK=%s\n", gsk != nullptr ? gsk : "");
     free(gsk);
 
     char chatId[kChatIdLength];
     ctl_configstr("client247", "CHATID", chatId, sizeof chatId);
     if (chatId[0] != '\0') {
-        sprintfToHttpBuf(&request, "CHATID=%s\n", chatId);
+        request.Line("CHATID=%s\n", chatId);
     }
     // A1..A4: each asked for only after the one before it was sent.
     for (int i = 1; i <= 4; ++i) {
@@ -65,21 +52,18 @@ void CHTCTL::BuildOpenRequest(CTL_HTTP_CONNECTION& connection, tagHTTP_BUF& requ
         if (value[0] == '\0') {
             break;
         }
-        sprintfToHttpBuf(&request, "%s=%s\n", key, value);
+        request.Line("%s=%s\n", key, value);
     }
-    sprintfToHttpBuf(&request, "APPTYPE=%d\n", m_slaveType);
+    request.Line("APPTYPE=%d\n", m_slaveType);
     char dept[kSettingLength];
     ctl_configstr("HTTP", "*Dept", dept, sizeof dept);
-    sprintfToHttpBuf(&request, "DEPT=%s\n", dept);
-    SetContentLength(&request, lengthPos, request.datalen - header);
+    request.Line("DEPT=%s\n", dept);
 }
 
 int CHTCTL::OnConnected(CTL_HTTP_CONNECTION& connection) {
-    tagHTTP_BUF request = {0, 0, 0, nullptr};
+    OutgoingMessage request(connection);
     BuildOpenRequest(connection, request);
-    const int result = connection.Write(request.data, request.datalen);
-    FreeHttpBuf(&request);
-    if (result != 0) {
+    if (request.WriteTo(connection) != 0) {
         connection.Disconnect();
         connection.m_connect_timer = kReconnectCountdown;
         return -1;
@@ -89,11 +73,7 @@ int CHTCTL::OnConnected(CTL_HTTP_CONNECTION& connection) {
 
 void CHTCTL::OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
     DWORD gatewayVersion = MakeMajorMinVerParam("1.1"); // when the gateway names none
-    for (;;) {
-        char* line = HttpGetLine(&body);
-        if (line == nullptr || *line == '\0') {
-            break;
-        }
+    ForEachBodyLine(body, [&](char* line) {
         const char* value;
         if ((value = HttpMatchKeyword(line, "SERVER_VERSION")) != nullptr) {
             CSingleLock lock(&connection.m_lock, TRUE);
@@ -109,35 +89,25 @@ void CHTCTL::OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
         } else if ((value = HttpMatchKeyword(line, "PROTOCOL_VER")) != nullptr) {
             gatewayVersion = MakeMajorMinVerParam(value);
         }
-    }
-    // Packed comparison, so the minor number weighs more: kept on purpose.
+    });
+    // Kept: the packed versions are compared, so the minor number weighs more.
     if (gatewayVersion < connection.m_protocol_ver.load()) {
         connection.m_protocol_ver = gatewayVersion;
     }
 }
 
 void CHTCTL::OnConfigUpdate(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
-    for (;;) {
-        char* line = HttpGetLine(&body);
-        if (line == nullptr || *line == '\0') {
-            break;
-        }
-        const char* value = HttpMatchKeyword(line, "CMPI");
-        if (value != nullptr) {
+    ForEachBodyLine(body, [&](char* line) {
+        if (const char* value = HttpMatchKeyword(line, "CMPI")) {
             SetPollPeriod(connection, value);
         }
-    }
+    });
 }
 
 int CHTCTL::SendSimpleCmd(const char* cmd, CTL_HTTP_CONNECTION& connection) {
-    tagHTTP_BUF request = {0, 0, 0, nullptr};
-    int lengthPos = 0;
-    const int header = BuildHttpReqHeader(&request, connection.m_gateway.c_str(), &lengthPos);
-    sprintfToHttpBuf(&request, "CMD=%s\n", cmd);
-    SetContentLength(&request, lengthPos, request.datalen - header);
-    const int result = connection.Write(request.data, request.datalen);
-    FreeHttpBuf(&request);
-    return result;
+    OutgoingMessage request(connection);
+    request.Line("CMD=%s\n", cmd);
+    return request.WriteTo(connection);
 }
 
 void CHTCTL::CheckConnection(CTL_HTTP_CONNECTION& connection) {

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "transport/htctl.h"
+#include "transport/htctlframing.h"
 
 namespace vel {
 
@@ -46,15 +47,10 @@ int CHTCTL::Hangup(int session) {
         return 0;
     }
     if (s.m_connection != nullptr) {
-        tagHTTP_BUF request = {0, 0, 0, nullptr};
-        int lengthPos = 0;
-        const int header =
-            BuildHttpReqHeader(&request, s.m_connection->m_gateway.c_str(), &lengthPos);
-        CopyToHttpBuf(&request, "CMD=HANGUP\n");
-        sprintfToHttpBuf(&request, "CONNECTION_ID=%u\n", unsigned(s.m_connection_id));
-        SetContentLength(&request, lengthPos, request.datalen - header);
-        s.Write(request.data, request.datalen);
-        FreeHttpBuf(&request);
+        OutgoingMessage request(*s.m_connection);
+        request.Add("CMD=HANGUP\n");
+        request.Line("CONNECTION_ID=%u\n", unsigned(s.m_connection_id));
+        request.WriteTo(s);
     }
     UnlinkSession(&s, false);
     return 0;
@@ -81,8 +77,8 @@ void CHTCTL::UnlinkSession(CTL_HTTP_SESSION* session, bool notify) {
 
 void CHTCTL::ClearConnectionSessions(CTL_HTTP_CONNECTION& connection) {
     CLockUnlessHeld list(m_lock);
-    // Settled pairing: the entry at index i is checked and session number i
-    // (index i - 1) hung up; the place just past the table holds no session.
+    // Kept: the entry at index i is checked and session number i (index
+    // i - 1) hung up; the place just past the table holds no session.
     for (int i = 1; i <= m_session_count; ++i) {
         if (i < m_session_count && m_sessions[i].m_connection == &connection) {
             Hangup(i);

@@ -7,4 +7,4 @@ add_library(nd_wire STATIC
   ${CMAKE_CURRENT_LIST_DIR}/gengsk.cpp
   ${CMAKE_CURRENT_LIST_DIR}/MD5.cpp)
 target_include_directories(nd_wire PUBLIC ${PROJECT_SOURCE_DIR}/src)
-target_link_libraries(nd_wire PUBLIC nd_config)
+target_link_libraries(nd_wire PUBLIC nd_log)

@@ -7,6 +7,7 @@
 #include "TransportFixtures.h"
 #include "host/MachineDetails.h"
 #include "transport/TransportTimings.h"
+#include "transport/htctlframing.h"
 
 namespace {
 
@@ -29,10 +30,9 @@ TEST(Registration, EveryLineInOrderAndTheAnswersChainStopsAtTheFirstEmpty) {
     app.text["A4"] = "four"; // A3 empty: the chain stops
     app.text["*Dept"] = "Accounts";
 
-    tagHTTP_BUF request = {0, 0, 0, nullptr};
+    vel::OutgoingMessage request(link);
     ctl.BuildOpenRequest(link, request);
-    const std::string text(request.data, size_t(request.datalen));
-    FreeHttpBuf(&request);
+    const std::string text = request.Text();
     char host[128] = {};
     gethostname(host, sizeof host - 1);
     std::string mac;
