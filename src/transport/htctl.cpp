@@ -18,7 +18,6 @@ namespace {
 
 constexpr int kGatewayAddressLength = 256;
 constexpr int kStoredKeyLength = 128;
-constexpr int kClearKeyLength = 16;
 
 std::atomic<ICTL*> gCtlInstance{nullptr};
 
@@ -121,10 +120,7 @@ int CHTCTL::InitSlave(tagCTLCREATEPARAMS*) {
     char stored[kStoredKeyLength];
     ctl_configstr("HTTP", "GatewayAddress", gateway, sizeof gateway);
     ctl_configstr("HTTP", "GSK", stored, sizeof stored);
-    char key[kClearKeyLength] = {};
-    _DecryptPassword(kPasswordSeed, stored, key, sizeof key);
-
-    auto* link = new CTL_HTTP_CONNECTION(gateway, key, this, nullptr);
+    auto* link = new CTL_HTTP_CONNECTION(gateway, ClearGatewayKey(stored).c_str(), this, nullptr);
     {
         CSingleLock lock(&m_lock, TRUE);
         m_connections.push_back(link);

@@ -28,7 +28,6 @@ using SessionTable = ICTLCommon<CTL_HTTP_SESSION>;
 constexpr size_t kTargetChars = 127;
 constexpr int kSettingLength = 256;
 constexpr int kStoredKeyLength = 128;
-constexpr int kClearKeyLength = 16;
 constexpr int kNoAnswer = -1; // a call that got no reply (or was never placed)
 constexpr int kCancelPollMs = 20;
 constexpr int kReplyPollMs = 100;
@@ -85,12 +84,6 @@ std::string Param(CHTCTL& ctl, const char* prefix, int n, int length) {
     return buf.data();
 }
 
-std::string ClearKey(const std::string& stored) {
-    char key[kClearKeyLength] = {};
-    _DecryptPassword(kPasswordSeed, stored.c_str(), key, sizeof key);
-    return key;
-}
-
 // Browse and add-domain read the proxy flag as an integer setting, Call as
 // text through the gateway parameters.
 enum class ProxyFlag { kInteger, kText };
@@ -109,7 +102,7 @@ GatewaySettings ReadGateway(CHTCTL& ctl, int n, ProxyFlag flag = ProxyFlag::kInt
             ParseDecimal(Param(ctl, "Gateway_UseWebProxy", n, kSettingLength).c_str()) != 0;
     }
     g.m_proxy = Param(ctl, "Gateway_WebProxy", n, kSettingLength);
-    g.m_key = ClearKey(Param(ctl, "Gateway_Gsk", n, kStoredKeyLength));
+    g.m_key = ClearGatewayKey(Param(ctl, "Gateway_Gsk", n, kStoredKeyLength).c_str());
     g.m_name = Param(ctl, "Gateway_Name", n, kStoredKeyLength);
     return g;
 }

@@ -9,7 +9,9 @@ namespace {
 using gateway_it::GatewayTest;
 using gateway_it::WaitUntil;
 
-TEST_F(GatewayTest, CreateTriesSixTimesAndSleepsAfterASuccessfulAttemptToo) {
+// The link keeps at most 15 characters of the stored key, upper-cased (the
+// cut changes the first, as the unit tests of the key show).
+TEST_F(GatewayTest, CreateTriesSixTimesSleepsAfterASuccessTooAndCutsTheKey) {
     app.text["GatewayAddress"] = "127.0.0.1:1"; // nothing listens there
     EXPECT_EQ(Create(-1), -1);
     EXPECT_TRUE(ctl->m_connections.empty());
@@ -18,11 +20,13 @@ TEST_F(GatewayTest, CreateTriesSixTimesAndSleepsAfterASuccessfulAttemptToo) {
     app.events.clear();
 
     StartGateway();
+    app.text["GSK"] = e2e::StoredKey("0123456789abcdefXYZ");
     vel::gTransportTimings.m_connectRetrySleepMs = 300;
     const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(Create(-1), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
     EXPECT_EQ(app.Of(kCtlConfigInt).size(), 1u);
+    EXPECT_EQ(Link().GetGatewayKey(), "4123456789ABCDE");
 }
 
 TEST_F(GatewayTest, CmpiSetsThePollCadence) {

@@ -99,13 +99,18 @@ TEST(DataFrames, BroadcastWalksTheSubsetsButNeverTheLastSession) {
 }
 
 // A pause counts once per session on its link, for sessions this side set up;
-// hanging up a paused session releases its pause.
+// Pause false, or hanging the session up, releases it.
 TEST(Pause, CountsOncePerChangeAndOnlyForEstablishedSessions) {
     Harness h(8, 3);
     h.Attach(0, 10, 2);
     h.Attach(1, 11, 1);
     std::atomic<int>& paused = h.link->m_sessions_paused;
     EXPECT_EQ(h.ctl->Pause(1, true), 0);
+    EXPECT_EQ(h.ctl->Pause(1, true), 0);
+    EXPECT_EQ(paused.load(), 1);
+    EXPECT_EQ(h.ctl->Pause(1, false), 0);
+    EXPECT_EQ(h.ctl->Pause(1, false), 0);
+    EXPECT_EQ(paused.load(), 0);
     EXPECT_EQ(h.ctl->Pause(1, true), 0);
     EXPECT_EQ(paused.load(), 1);
     EXPECT_EQ(h.ctl->Pause(2, true), 0); // set up by the gateway: takes no part
@@ -160,6 +165,8 @@ TEST(ReceivedFrames, DeclaredLengthIsBoundedByTheDecodedBytes) {
                 EXPECT_EQ(got[0].session, 1);
             }
             EXPECT_EQ(h.ctl->m_sessions[0].m_nbufs, c.buffers) << bare << " LEN=" << c.length;
+            h.ctl->m_sessions[0].m_inuse = 2; // only an established session reports it
+            EXPECT_EQ(h.ctl->GetNumberOfClientBuffers(1), c.buffers);
         }
     }
 }

@@ -3,13 +3,21 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <time.h>
+#include <unistd.h>
 #include <wchar.h>
 
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <string>
 #include <tuple>
 
 namespace {
+
+// An assertion ends the process by abort(), nothing else.
+const auto kAborted = testing::KilledBySignal(SIGABRT);
 
 // Counts what a CSingleLock does to the object it guards.
 struct RecordingSync : vel::CSyncObject {
@@ -51,14 +59,14 @@ TEST(CSingleLockDeathTest, MisuseAbortsWithTheAssertionText) {
     // The suite has other threads about; re-run the binary instead of forking it.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     RecordingSync sync;
-    EXPECT_DEATH(vel::CSingleLock(nullptr, FALSE),
-                 "velthread:.*Assertion `pObject != __null' failed");
-    EXPECT_DEATH(
+    EXPECT_EXIT(vel::CSingleLock(nullptr, FALSE), kAborted,
+                "velthread:.*Assertion `pObject != __null' failed");
+    EXPECT_EXIT(
         {
             vel::CSingleLock lock(&sync, TRUE);
             lock.Lock(INFINITE);
         },
-        "CSingleLock::Lock.*Assertion `!m_bAcquired' failed");
+        kAborted, "CSingleLock::Lock.*Assertion `!m_bAcquired' failed");
 }
 
 TEST(JoinDeadline, SettledArithmeticWrapsIn32Bits) {
@@ -77,6 +85,42 @@ TEST(JoinDeadline, SettledArithmeticWrapsIn32Bits) {
         EXPECT_EQ(deadline.tv_sec, tvSec) << timeout << " " << seconds;
         EXPECT_EQ(deadline.tv_nsec, tvNsec) << timeout << " " << seconds;
     }
+}
+
+// The deadline comes from the wall clock by the kept arithmetic above, which
+// today puts it in 1970: the wait ends at once and a body still running is
+// cancelled. A deadline left unset would wait for ever or cancel nothing.
+TEST(velthread, TryToJoinThenKillCancelsABodyStillRunningAtItsDeadline) {
+    static std::atomic<bool> sUnwound{false}, sFinished{false};
+    struct Body {
+        static void* Run(void*) {
+            struct Unwinding {
+                ~Unwinding() { sUnwound = true; }
+            } unwinding;
+            for (int i = 0; i < 1000 && !sFinished; ++i) {
+                usleep(10000); // a cancellation point, ten seconds in all
+            }
+            sFinished = true;
+            return nullptr;
+        }
+    };
+    vel::velthread thread(&Body::Run, nullptr);
+    ASSERT_EQ(thread.create(), 0);
+    auto joined = std::async(std::launch::async, [&] { thread.try_to_join_then_kill(1000); });
+    const bool returned = joined.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    if (!returned) {
+        sFinished = true; // let the body end and wake the waiter
+        while (joined.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) {
+            pthread_cond_broadcast(&thread.m_thread_has_exited);
+        }
+    }
+    for (int i = 0; i < 500 && !sUnwound; ++i) {
+        usleep(10000);
+    }
+    EXPECT_TRUE(returned);
+    EXPECT_TRUE(sUnwound);
+    EXPECT_FALSE(sFinished) << "ran to its end instead of being cancelled";
+    sFinished = true;
 }
 
 // One log line, cut at 511 characters, the lock released after it.
@@ -98,7 +142,8 @@ TEST(traceDeathTest, FormattingErrorAborts) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // Outside the C locale's range, the wide character cannot be converted.
     static const wchar_t kUnconvertible[] = {0x100, 0};
-    EXPECT_DEATH(vel::trace("%ls", kUnconvertible), "veltrace:.*Assertion `nBuf >= 0' failed");
+    EXPECT_EXIT(vel::trace("%ls", kUnconvertible), kAborted,
+                "veltrace:.*Assertion `nBuf >= 0' failed");
 }
 
 } // namespace

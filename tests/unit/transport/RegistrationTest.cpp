@@ -65,9 +65,14 @@ TEST(OpenReply, VersionNegotiationAndThePollPeriod) {
     }
 }
 
-TEST(KeepAliveCheck, PollsWhenDueAndReconnectsEveryThirtiethCheck) {
+// Any write on the link puts the next poll a whole period off.
+TEST(KeepAliveCheck, PollsWhenDueUnlessWrittenAndReconnectsEveryThirtiethCheck) {
     CHTCTL ctl(443);
     PairedLink paired(&ctl);
+    paired.link.m_next_poll_time = vel::NowMs() - 1;
+    ASSERT_EQ(paired.link.Write("x", 1), 0);
+    ctl.CheckConnection(paired.link);
+    EXPECT_EQ(paired.Drain(), "x");
     paired.link.m_next_poll_time = vel::NowMs() - 1;
     ctl.CheckConnection(paired.link);
     EXPECT_EQ(paired.Drain(), Post("gw.example:443", "CMD=POLL\n"));
