@@ -29,19 +29,8 @@ int FindBytes(const char* data, int length, const char* pattern) {
 
 // Where the header ends: the first "\r\n\r\n", else the first "\n\n".
 bool FindHeaderEnd(const tagHTTP_BUF& buf, int* terminator, int* terminatorSize) {
-    int at = FindBytes(buf.data, buf.datalen, "\r\n\r\n");
-    if (at >= 0) {
-        *terminator = at;
-        *terminatorSize = 4;
-        return true;
-    }
-    at = FindBytes(buf.data, buf.datalen, "\n\n");
-    if (at >= 0) {
-        *terminator = at;
-        *terminatorSize = 2;
-        return true;
-    }
-    return false;
+    *terminator = FindHttpHeaderEnd(buf.data, buf.datalen, terminatorSize);
+    return *terminator >= 0;
 }
 
 // Decimal after a "Content-length:" of [from, to): blanks, sign, digits.
@@ -62,14 +51,57 @@ long long NumberAfter(const char* from, const char* to) {
     return negative ? -value : value;
 }
 
-// The first "Content-length:" (any case) inside [begin, end); 0 if none.
-long long FindContentLength(const char* begin, const char* end) {
-    for (const char* p = begin; end - p >= kContentLengthSize; ++p) {
-        if (strncasecmp(p, kContentLength, kContentLengthSize) == 0) {
-            return NumberAfter(p + kContentLengthSize, end);
-        }
+bool IsContentLength(const char* at, const char* end) {
+    return end - at >= kContentLengthSize &&
+           strncasecmp(at, kContentLength, kContentLengthSize) == 0;
+}
+
+// Kept: the two readers of a header differ. MessagePending only asks whether
+// a whole message has arrived: the start line may be "NC_DATA" alone and the
+// first "Content-length:" anywhere after it counts. ProcessMessage, which
+// takes the message off, reads header lines: a data block's start line is
+// "NC_DATA" and a line feed, and the last "Content-length:" line wins, so a
+// later length that claims more than has arrived drops the link.
+enum class HeaderRule { kPending, kProcess };
+
+struct HeaderFacts {
+    int m_start;        // index of the start line, -1: none
+    bool m_response;    // "HTTP/1." rather than a data block
+    long long m_length; // the body length the header gives, 0: none
+};
+
+// The header is data[0, headerSize).
+HeaderFacts ReadHeader(const char* data, int headerSize, HeaderRule rule) {
+    HeaderFacts facts = {FindBytes(data, headerSize, "HTTP/1."), true, 0};
+    if (facts.m_start < 0) {
+        facts.m_start =
+            FindBytes(data, headerSize, rule == HeaderRule::kPending ? "NC_DATA" : "NC_DATA\n");
+        facts.m_response = false;
     }
-    return 0;
+    if (facts.m_start < 0) {
+        return facts;
+    }
+    const char* const end = data + headerSize;
+    if (rule == HeaderRule::kPending) {
+        for (const char* p = data + facts.m_start; p < end; ++p) {
+            if (IsContentLength(p, end)) {
+                facts.m_length = NumberAfter(p + kContentLengthSize, end);
+                break;
+            }
+        }
+        return facts;
+    }
+    for (const char* line = data + facts.m_start; line < end;) {
+        const char* lineEnd = static_cast<const char*>(memchr(line, '\n', size_t(end - line)));
+        if (lineEnd == line || (lineEnd == line + 1 && *line == '\r')) {
+            break;
+        }
+        if (IsContentLength(line, lineEnd)) {
+            facts.m_length = NumberAfter(line + kContentLengthSize, lineEnd);
+        }
+        line = lineEnd + 1;
+    }
+    return facts;
 }
 
 } // namespace
@@ -83,21 +115,13 @@ bool CHTCTL::MessagePending(tagHTTP_BUF& buf, CTL_HTTP_CONNECTION& connection) {
     if (!FindHeaderEnd(buf, &terminator, &terminatorSize)) {
         return false;
     }
-    int start = FindBytes(buf.data, terminator, "HTTP/1.");
-    if (start < 0) {
-        start = FindBytes(buf.data, terminator, "NC_DATA");
-    }
-    if (start < 0) {
-        connection.Disconnect();
-        return false;
-    }
-    const long long length = FindContentLength(buf.data + start, buf.data + terminator);
-    if (length <= 0) {
+    const HeaderFacts header = ReadHeader(buf.data, terminator, HeaderRule::kPending);
+    if (header.m_start < 0 || header.m_length <= 0) {
         connection.Disconnect();
         return false;
     }
     const int bodyStart = terminator + terminatorSize;
-    return buf.datalen - bodyStart >= length;
+    return buf.datalen - bodyStart >= header.m_length;
 }
 
 bool CHTCTL::ProcessMessage(tagHTTP_BUF& buf, CTL_HTTP_CONNECTION& connection) {
@@ -113,41 +137,22 @@ bool CHTCTL::ProcessMessage(tagHTTP_BUF& buf, CTL_HTTP_CONNECTION& connection) {
     data[terminator + 1] = '\0';
     const int headerSize = terminator + 1;
 
-    bool response = true;
-    int start = FindBytes(data, headerSize, "HTTP/1.");
-    if (start >= 0) {
+    const HeaderFacts header = ReadHeader(data, headerSize, HeaderRule::kProcess);
+    if (header.m_start < 0) {
+        return false;
+    }
+    if (header.m_response) {
+        const char* start = data + header.m_start;
         const char* lineEnd =
-            static_cast<const char*>(memchr(data + start, '\n', size_t(headerSize - start)));
-        const char* blank =
-            static_cast<const char*>(memchr(data + start, ' ', size_t(lineEnd - (data + start))));
+            static_cast<const char*>(memchr(start, '\n', size_t(headerSize - header.m_start)));
+        const char* blank = static_cast<const char*>(memchr(start, ' ', size_t(lineEnd - start)));
         if (blank == nullptr || NumberAfter(blank + 1, lineEnd) != 200) {
             return false;
         }
-    } else {
-        start = FindBytes(data, headerSize, "NC_DATA\n");
-        if (start < 0) {
-            return false;
-        }
-        response = false;
     }
-    buf.offset = start;
-
-    // Header lines up to the empty line; the last Content-length wins.
-    long long length = 0;
-    for (const char* line = data + start; line < data + headerSize;) {
-        const char* end =
-            static_cast<const char*>(memchr(line, '\n', size_t(data + headerSize - line)));
-        if (end == line || (end == line + 1 && *line == '\r')) {
-            break;
-        }
-        if (end - line >= kContentLengthSize &&
-            strncasecmp(line, kContentLength, kContentLengthSize) == 0) {
-            length = NumberAfter(line + kContentLengthSize, end);
-        }
-        line = end + 1;
-    }
-    // Below 1, or more than has arrived (the first Content-length, which said
-    // the message was whole, lied): the link cannot be trusted.
+    buf.offset = header.m_start;
+    // Below 1, or more than has arrived: the link cannot be trusted.
+    const long long length = header.m_length;
     if (length < 1 || length > buf.datalen - bodyStart) {
         return false;
     }
@@ -157,7 +162,7 @@ bool CHTCTL::ProcessMessage(tagHTTP_BUF& buf, CTL_HTTP_CONNECTION& connection) {
     // byte after it (the next message's first, or the buffer's NUL) is put back.
     const char saved = data[bodyEnd];
     data[bodyEnd] = '\0';
-    if (response) {
+    if (header.m_response) {
         ProcessMessageBody(data + bodyStart, int(length), connection);
     } else {
         ProcessNCData(data + bodyStart, int(length), connection);

@@ -52,17 +52,15 @@ ssize_t ReceiveSome(int socket, char* into, int64_t count) {
     return got;
 }
 
-// Index of the first byte of the header's terminating blank line, or -1.
-int FindHeaderEnd(const tagHTTP_BUF* buf) {
+// Index of the first byte of the unread header's terminating blank line, or -1.
+int FindUnreadHeaderEnd(const tagHTTP_BUF* buf) {
     if (buf->datalen - buf->offset < 4) {
         return -1;
     }
-    const std::string_view unread(buf->data + buf->offset, size_t(buf->datalen - buf->offset));
-    size_t at = unread.find("\r\n\r\n");
-    if (at == std::string_view::npos) {
-        at = unread.find("\n\n");
-    }
-    return at == std::string_view::npos ? -1 : buf->offset + int(at);
+    int terminatorSize = 0;
+    const int at =
+        FindHttpHeaderEnd(buf->data + buf->offset, buf->datalen - buf->offset, &terminatorSize);
+    return at < 0 ? -1 : buf->offset + at;
 }
 
 } // namespace
@@ -188,6 +186,20 @@ void SetContentLength(tagHTTP_BUF* buf, int lengthPos, int bodyLength) {
     memcpy(buf->data + lengthPos, field, 5);
 }
 
+int FindHttpHeaderEnd(const char* data, int length, int* terminatorSize) {
+    if (data == nullptr || length <= 0) {
+        return -1;
+    }
+    const std::string_view text(data, size_t(length));
+    size_t at = text.find("\r\n\r\n");
+    *terminatorSize = 4;
+    if (at == std::string_view::npos) {
+        at = text.find("\n\n");
+        *terminatorSize = 2;
+    }
+    return at == std::string_view::npos ? -1 : int(at);
+}
+
 char* HttpGetLine(tagHTTP_BUF* buf) {
     if (buf == nullptr || buf->data == nullptr || buf->offset < 0 || buf->offset >= buf->datalen) {
         return gEmptyLine;
@@ -226,7 +238,7 @@ char* ReadHttpHeader(int socket, tagHTTP_BUF* buf) {
         buf->data[buf->datalen] = '\0';
     }
     int end;
-    while ((end = FindHeaderEnd(buf)) < 0) {
+    while ((end = FindUnreadHeaderEnd(buf)) < 0) {
         if (buf->datalen >= buf->buflen / 2) {
             int64_t grown = std::max<int64_t>(kMinBlock, 2 * int64_t(buf->buflen));
             while (grown <= buf->datalen) {

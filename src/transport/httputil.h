@@ -35,6 +35,9 @@ int BuildHttpReqHeader(tagHTTP_BUF* buf, const char* host, int* lengthPos);
 // five characters leaves the field unpatched.
 void SetContentLength(tagHTTP_BUF* buf, int lengthPos, int bodyLength);
 
+// Index in data[0, length) of the blank line that ends a header: the first
+// "\r\n\r\n" (*terminatorSize 4), else the first "\n\n" (2); -1 if neither.
+int FindHttpHeaderEnd(const char* data, int length, int* terminatorSize);
 // Next line at buf->offset (modified in place), or "" when no whole line.
 char* HttpGetLine(tagHTTP_BUF* buf);
 // Value of a KEY=VALUE line whose key is keyword (any case), else null.
