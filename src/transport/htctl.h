@@ -16,6 +16,15 @@
 //    order: CTransportLocks refuses that by aborting.
 // The destructor deletes the links only after releasing m_lock: deleting one
 // waits for its read thread, which may itself be waiting for m_lock.
+//
+// Failures. The ICTL slots and the operations the application calls report
+// failure as their interface fixes, said at each (mostly 0 and -1; the result
+// codes beside those are CtlResultCode). Everything else in the transport
+// returns 0 for success and an errno-style number for failure (-1 where no
+// number applies), or a bool that answers a question.
+//
+// "Interface only:" marks what nothing in the daemon calls but the interface
+// requires; "Kept:" marks behaviour kept on purpose.
 #pragma once
 
 #include <atomic>
@@ -35,12 +44,28 @@ public:
     explicit CHTCTL(int port);
     ~CHTCTL() override;
 
-    // ICTL slots.
+    // The slots and operations the daemon uses.
     int Create(tagCTLCREATEPARAMS* params) override;
-    int Send(int session, const void* data, int len) override;
-    int SendTo(const char* name, const void* data, int len) override;
     int Hangup(int session) override;
+    // Always 0: nothing is sent without a link, and a write's failure is not
+    // examined.
+    int MessageReceived(tagCTL_MESSAGERECEIVEDINFO* info);
+    int MessageAcknowledged(tagCTL_MESSAGEACKNOWLEDGEDINFO* info);
+    // 1: the request was written (or the link is down), 0: no link name. In
+    // the waiting mode (Interface only: slavetype -1) 1 only for the gateway's
+    // success.
+    int GetFileInfo(const char* name, tagCTL_GETFILEINFO* info);
+
+    // Interface only: the remaining slots, the data channel's sends, and the
+    // directory, call and user-status operations.
+    int Send(int session, const void* data, int len) override;
+    int Send1(int session, const void* data, int len);
+    int SendTo(const char* name, const void* data, int len) override;
     int MaxPacketSize() override { return 896; }
+    int Escape(int code, unsigned inlen, void* in, unsigned outlen, void* out) override;
+    int Pause(int session, bool pause) override;
+    int GetFailedReason() override { return m_failed_reason.load(); }
+    int NetworkInstalled(int index, s_CTL_STACKINFO* info) override;
     // name is "n\callee" (with the "CallByName" setting, a gateway name
     // instead of n). Returns the gateway's RESULT (0: the reserved session is
     // established on the link), -1 without an answer, kCtlCallBadTarget for a bad target;
@@ -50,19 +75,10 @@ public:
     // code 1. Each request's CONTEXT is its gateway's name; `context` is not
     // used.
     int FindSlaves(const char* match, int flags, int context) override;
-    int Escape(int code, unsigned inlen, void* in, unsigned outlen, void* out) override;
-    int Pause(int session, bool pause) override;
-    int GetFailedReason() override { return m_failed_reason.load(); }
-    int NetworkInstalled(int index, s_CTL_STACKINFO* info) override;
     // 1 with the gateway's answer in *result, or 0 with errno kCtlErrorBadArgument,
     // kCtlErrorCancelled, kCtlErrorTimedOut or ENOTCONN.
     int AddDomain(const char* name, CTL_ADDDOMAIN_PARAMS* params, long* result) override;
 
-    // Operations the application calls beside the slots.
-    int Send1(int session, const void* data, int len);
-    int MessageReceived(tagCTL_MESSAGERECEIVEDINFO* info);
-    int MessageAcknowledged(tagCTL_MESSAGEACKNOWLEDGEDINFO* info);
-    int GetFileInfo(const char* name, tagCTL_GETFILEINFO* info);
     int UserStatus(const char* name, tagCTL_USERSTATUSINFO* info);
     int CancelCall(CTL_HTTP_CONNECTION* connection, const char* controlName,
                    const char* clientAddress);

@@ -131,7 +131,7 @@ int CTL_HTTP_CONNECTION::TryToConnectLocked() {
         return error;
     }
     if (m_connect_by_web_proxy) {
-        // Settled order: the handshake runs on m_socket, which is stored only
+        // Kept: the handshake runs on m_socket, which is stored only
         // below and still holds -1 here, so its first send fails and a link
         // through a proxy never completes.
         if (ConnectByWebProxy() != 0) {

@@ -114,7 +114,7 @@ int CHTCTL::Send(int session, const void* data, int len) {
     std::vector<int> chosen;
     {
         CLockUnlessHeld table(SessionTable::m_lock);
-        // Settled: the walk stops before the last session number.
+        // Kept: the walk stops before the last session number.
         for (int n = 1; n < m_session_count; ++n) {
             const int index = n - 1;
             if (m_sessions[index].m_inuse != 2) {

@@ -89,8 +89,8 @@ void CHTCTL::ReadThread(CTL_HTTP_CONNECTION& connection) {
     while (!connection.m_quit) {
         const uint32_t now = NowMs();
         const int interval = gTransportTimings.m_checkIntervalMs.load();
-        // The next check is due `interval` after a time set `interval` ahead:
-        // checks are at least twice the interval apart (settled).
+        // Kept: the next check is due `interval` after a time set `interval`
+        // ahead, so checks are at least twice the interval apart.
         if (int32_t(now - lastCheck) > interval) {
             lastCheck = now + uint32_t(interval);
             CheckConnection(connection);

@@ -80,7 +80,7 @@ void CopyToHttpBuf(tagHTTP_BUF* buf, const char* text) {
     const int64_t datalen = buf->datalen;
     const int64_t buflen = buf->buflen;
     if (length >= buflen - datalen) {
-        // The settled rule; buflen is deliberately left as it is. The second
+        // Kept: the growth rule, with buflen left as it is. The second
         // bound only matters once a message reaches 4096 bytes, where the rule
         // alone would be too small.
         const int64_t size =

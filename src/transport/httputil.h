@@ -25,6 +25,7 @@ void CopyToHttpBuf(tagHTTP_BUF* buf, const char* text);
 void sprintfToHttpBuf(tagHTTP_BUF* buf, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 void vsprintfToHttpBuf(tagHTTP_BUF* buf, const char* format, va_list args);
+// Interface only: an independent copy of n bytes from src's read position.
 void CopyHttpBuf(const tagHTTP_BUF* src, tagHTTP_BUF* dst, int n);
 void FreeHttpBuf(tagHTTP_BUF* buf);
 
@@ -43,7 +44,8 @@ char* HttpGetLine(tagHTTP_BUF* buf);
 // Value of a KEY=VALUE line whose key is keyword (any case), else null.
 char* HttpMatchKeyword(char* line, const char* keyword);
 
-// Blocking readers; on error or end of stream they free buf and return null.
+// Interface only (the read loop parses in the dispatcher): blocking readers;
+// on error or end of stream they free buf and return null.
 char* ReadHttpHeader(int socket, tagHTTP_BUF* buf);
 char* ReadHttpBody(int socket, tagHTTP_BUF* buf, int contentLength);
 

@@ -12,7 +12,8 @@ void _DecryptPassword(int seed, const char* cipher, char* out, int size);
 }
 
 // The clear form of a stored gateway key, as every link holds it: read into
-// 16 bytes, so at most 15 characters.
+// 16 bytes, so at most 15 characters. Kept: a longer key is not cut to its
+// first 15 characters but decoded with the count cut, which changes the first.
 inline std::string ClearGatewayKey(const char* stored) {
     char key[16] = {};
     _DecryptPassword(kPasswordSeed, stored != nullptr ? stored : "", key, sizeof key);

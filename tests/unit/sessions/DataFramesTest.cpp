@@ -71,7 +71,7 @@ TEST(DataFrames, BothFormsByteForByte) {
 
 // Sessions 1..5 carry ids 10..14, all established but number 3 (set up by
 // the gateway); the subset holds table places 0, 1 and 4, the omit map place
-// 1. Settled: the walk never reaches the last number.
+// 1. Kept: the walk never reaches the last number.
 TEST(DataFrames, BroadcastWalksTheSubsetsButNeverTheLastSession) {
     const struct {
         int selector;

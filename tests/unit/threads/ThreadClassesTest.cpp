@@ -69,7 +69,8 @@ TEST(CSingleLockDeathTest, MisuseAbortsWithTheAssertionText) {
         kAborted, "CSingleLock::Lock.*Assertion `!m_bAcquired' failed");
 }
 
-TEST(JoinDeadline, SettledArithmeticWrapsIn32Bits) {
+// Kept: the deadline arithmetic below.
+TEST(JoinDeadline, TimeOutAndMicrosecondsScaledAsMillisecondsWrappingIn32Bits) {
     // Time-out, wall clock s and us, deadline: t = (timeout + us) * 1000 +
     // s * 1000000 modulo 2^32, the deadline {t / 1000000, t % 1000000}.
     const std::tuple<long, unsigned long, unsigned long, time_t, long> cases[] = {
@@ -87,7 +88,7 @@ TEST(JoinDeadline, SettledArithmeticWrapsIn32Bits) {
     }
 }
 
-// The deadline comes from the wall clock by the kept arithmetic above, which
+// The deadline comes from the wall clock by the arithmetic above, which
 // today puts it in 1970: the wait ends at once and a body still running is
 // cancelled. A deadline left unset would wait for ever or cancel nothing.
 TEST(velthread, TryToJoinThenKillCancelsABodyStillRunningAtItsDeadline) {

@@ -66,7 +66,7 @@ TEST(ProxyHandshake, RequestAndReplies) {
     }
 }
 
-// Settled: the handshake runs before the socket is stored, so it always fails.
+// Kept: the handshake runs before the socket is stored, so it always fails.
 TEST(ProxyHandshake, ProxiedConnectionNeverCompletes) {
     const int proxy = transport_test::ListenLoopback(0);
     ASSERT_NE(proxy, -1);

@@ -16,35 +16,35 @@ std::string Response(const std::string& body, const std::string& status = "200 O
 
 // The read loop's inner step on a received buffer: dispatch while a whole
 // message is there. What comes of it, the CMPI period applied, what is left.
-enum Outcome { kKept, kWaits, kPendingDrops, kProcessFails };
+enum Outcome { kDispatched, kWaits, kPendingDrops, kProcessFails };
 
-TEST(Dispatch, ReceivedBytesTable) {
+TEST(Dispatch, WholeMessagesAreHandledPartOnesWaitAndBadHeadersDropTheLink) {
     const std::string body = "CMD=CONFIG_UPDATE\nCMPI=3\n";
     const std::string kHuge = "HTTP/1.1 200 OK\r\nContent-length: 99999999999999999999\r\n\r\n";
     const struct {
         const char* name;
         std::string bytes;
         Outcome outcome;
-        unsigned long period = 60000; // kKept: the CMPI applied and the bytes left
+        unsigned long period = 60000; // kDispatched: the CMPI applied, the bytes left
         std::string left = "";
     } cases[] = {
         {"bare line feeds, lower case", Response("cmd=config_update\ncmpi=3\n", "200 OK", "\n"),
-         kKept, 3000},
-        {"bytes and NULs before the start line", std::string("junk\0\0", 6) + Response(body), kKept,
-         3000},
-        {"NUL inside the body", Response(body + std::string("\0X=1\n", 5)), kKept, 3000},
+         kDispatched, 3000},
+        {"bytes and NULs before the start line", std::string("junk\0\0", 6) + Response(body),
+         kDispatched, 3000},
+        {"NUL inside the body", Response(body + std::string("\0X=1\n", 5)), kDispatched, 3000},
         {"the last Content-length is used",
-         "HTTP/1.1 200 OK\r\nContent-length: 27\r\nCONTENT-LENGTH: 25\r\n\r\n" + body + "XY", kKept,
-         3000, "XY"},
+         "HTTP/1.1 200 OK\r\nContent-length: 27\r\nCONTENT-LENGTH: 25\r\n\r\n" + body + "XY",
+         kDispatched, 3000, "XY"},
         // Its last line has no line feed: the next message is not part of it.
         {"body ends at its length",
-         Response("CMD=CONFIG_UPDATE\nCMPI=4") + Response("CMD=CONFIG_UPDATE\nCMPI=6\n"), kKept,
-         6000, ""},
+         Response("CMD=CONFIG_UPDATE\nCMPI=4") + Response("CMD=CONFIG_UPDATE\nCMPI=6\n"),
+         kDispatched, 6000, ""},
         {"ignored, unknown and command-less bodies",
          Response("CMD=HEARTBEAT\nCMPI=1\n") + Response("CMD=NO_SUCH\nCMPI=1\n") +
              Response("NOCMD=1\n\nCMD=CONFIG_UPDATE\n") + Response("CMD=MESSAGE\nMSG=SGk\nID=4\n"),
-         kKept},
-        {"data block", "NC_DATA\nContent-Length: 6\n\nCID=1\nHTTP/1.1 200", kKept, 60000,
+         kDispatched},
+        {"data block", "NC_DATA\nContent-Length: 6\n\nCID=1\nHTTP/1.1 200", kDispatched, 60000,
          "HTTP/1.1 200"},
         {"header not ended", "HTTP/1.1 200 OK\r\nContent-length: 5\r\n", kWaits},
         {"body not whole", Response(body).substr(0, 40), kWaits},
@@ -79,7 +79,7 @@ TEST(Dispatch, ReceivedBytesTable) {
             EXPECT_EQ(size_t(in.datalen), bytes.size()) << "the message stays";
         } else if (c.outcome == kWaits) {
             EXPECT_EQ(std::string(in.data, size_t(in.datalen)), bytes);
-        } else if (c.outcome == kKept) {
+        } else if (c.outcome == kDispatched) {
             EXPECT_EQ(paired.link.m_comms_manage_pkt_period, c.period);
             EXPECT_EQ(std::string(in.data, size_t(in.datalen)), c.left);
         }

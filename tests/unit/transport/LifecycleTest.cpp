@@ -48,11 +48,11 @@ std::string Hangup(unsigned id) {
     return Post("gw.example:443", "CMD=HANGUP\nCONNECTION_ID=" + std::to_string(id) + "\n");
 }
 
-// Settled pairing when a link's sessions are cleared (CLOSE, a lost link):
+// Kept: the pairing when a link's sessions are cleared (CLOSE, a lost link):
 // entry i is checked and number i (entry i - 1) hung up, so the first entry
 // is hung up only if the second is on the link, the last entry stays, and the
 // step past the table matches nothing.
-TEST(Sessions, CloseHangsUpWithTheSettledPairing) {
+TEST(Sessions, CloseHangsUpTheNumberBeforeEachEntryOnTheLink) {
     Harness h(8, 3);
     for (int i = 0; i < 3; ++i) {
         h.Attach(i, 11u + unsigned(i), 1);

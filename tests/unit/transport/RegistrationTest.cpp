@@ -45,7 +45,7 @@ TEST(Registration, EveryLineInOrderAndTheAnswersChainStopsAtTheFirstEmpty) {
                              "APPTYPE=256\nDEPT=Accounts\n"));
 }
 
-// Settled: the packed versions are compared, so the minor number weighs more.
+// Kept: the packed versions are compared, so the minor number weighs more.
 // The other reply fields are stored only.
 TEST(OpenReply, VersionNegotiationAndThePollPeriod) {
     CHTCTL ctl(443);
