@@ -1,10 +1,15 @@
 #!/bin/bash
-# The whole test suite: installs missing build packages, builds with warnings
-# as errors and runs every test (unit, integration and the end-to-end tests in
-# namespaces, which need root), then builds the tests again under
-# AddressSanitizer + UndefinedBehaviorSanitizer and runs the unit tests, builds
-# the integration and end-to-end tests (and the daemon they start) under
-# ThreadSanitizer and runs them, and runs every fuzz target for 5 seconds.
+# The whole test suite. Steps, in the order they run:
+#  1. install missing build packages (scripts/deps.sh);
+#  2. check the formatting of every tracked C++ file;
+#  3. build everything with warnings as errors (build/ci);
+#  4. build everything under AddressSanitizer + UndefinedBehaviorSanitizer
+#     (build/ci-asan) and run the unit tests there;
+#  5. build the integration and end-to-end tests, and the programs they start,
+#     under ThreadSanitizer (build/ci-tsan) and run them there;
+#  6. run every fuzz target for 5 seconds;
+#  7. run every test of build/ci (unit, integration, and the end-to-end tests
+#     in namespaces, which need root).
 # Exits non-zero on any failure.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -14,11 +19,8 @@ jobs=$(nproc)
 scripts/deps.sh
 
 echo "== format check"
-files=$(git ls-files '*.cpp' '*.h' 2>/dev/null || true)
-if [ -n "$files" ]; then
-    # shellcheck disable=SC2086
-    clang-format --dry-run -Werror $files
-fi
+# NUL-separated, so no file name is split or globbed.
+git ls-files -z -- '*.cpp' '*.h' | xargs -0 --no-run-if-empty clang-format --dry-run -Werror
 
 echo "== build (warnings as errors)"
 cmake -S . -B build/ci -DNOTIFY_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -37,9 +39,7 @@ echo "== ThreadSanitizer build (integration and end-to-end tests, the daemon)"
 # Without -Werror: instrumentation makes GCC warn about code it accepts
 # otherwise; the warning-free build above is the one that holds that line.
 cmake -S . -B build/ci-tsan -DNOTIFY_TSAN=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-for dir in build/ci-tsan/tests/integration/*/ build/ci-tsan/tests/e2e/*/; do
-    make -C "$dir" -j "$jobs" >/dev/null
-done
+cmake --build build/ci-tsan -j "$jobs" --target nd_system_tests >/dev/null
 
 echo "== ThreadSanitizer tests (integration, e2e)"
 # The daemon's standard error is /dev/null once it has detached, so every

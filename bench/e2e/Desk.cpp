@@ -20,56 +20,27 @@
 #include <thread>
 
 #include "BenchPaths.h"
-#include "transport/password.h"
+#include "E2E.h"
 
 namespace bench {
 
 namespace {
 
-constexpr const char* kInstalledDaemon = "/usr/sxa/daemon/notifydaemon";
-constexpr const char* kInstalledDisplay = "/usr/sxa/gui/message/notifymessage";
-constexpr const char* kConfigPath = "/usr/sxa/daemon/config.dat";
-constexpr const char* kPidPath = "/usr/sxa//daemon/notifydaemon.pid";
+using e2e::kConfigPath;
+using e2e::kInstalledDaemon;
+using e2e::kPidPath;
+using e2e::ReadFile;
+using e2e::Spawn;
+using e2e::WaitUntil;
+
 constexpr const char* kClearKey = "BENCHKEY";
 constexpr int kStartTimeoutMs = 10000;
 constexpr int kWatchTimeoutMs = 30000;
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
+// Installs a program (mode 0755); false when it did not arrive.
 bool CopyExecutable(const std::string& from, const std::string& to) {
-    unlink(to.c_str());
-    std::ofstream(to, std::ios::binary | std::ios::trunc) << ReadFile(from);
-    return chmod(to.c_str(), 0755) == 0;
-}
-
-pid_t Spawn(const std::string& path, const std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    }
-    argv.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execv(path.c_str(), argv.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-bool WaitUntil(bool (*done)(pid_t), pid_t pid, int timeoutMs) {
-    const long long end = NowNs() + timeoutMs * 1000000LL;
-    while (!done(pid)) {
-        if (NowNs() > end) {
-            return false;
-        }
-        SleepMs(2);
-    }
-    return true;
+    e2e::Install(from, to);
+    return access(to.c_str(), X_OK) == 0;
 }
 
 // "client 3: CMD=MESSAGERECEIVED ID=12 UF=0 UN=alice"; other events (a client
@@ -121,7 +92,7 @@ bool Desk::SetUpDesktop() {
         return false;
     }
     mkdir(kBenchDir, 0755);
-    if (!CopyExecutable(m_programs.display, kInstalledDisplay)) {
+    if (!CopyExecutable(m_programs.display, e2e::kDisplayPath)) {
         return false;
     }
     const pid_t login = Spawn(m_programs.stub, {m_programs.stub, "--login", kDesktopUser});
@@ -131,11 +102,12 @@ bool Desk::SetUpDesktop() {
     }
     m_xServer = Spawn(m_programs.stub, {"/usr/bin/X", ":0", "-auth", kAuthorityPath});
     // Until it has exec'd, ps would show our own command line.
-    const auto execd = [](pid_t pid) {
-        return ReadFile("/proc/" + std::to_string(pid) + "/cmdline").compare(0, 10, "/usr/bin/X") ==
-               0;
+    const pid_t xServer = m_xServer;
+    const auto execd = [xServer] {
+        return ReadFile("/proc/" + std::to_string(xServer) + "/cmdline")
+                   .compare(0, 10, "/usr/bin/X") == 0;
     };
-    if (m_xServer <= 0 || !WaitUntil(execd, m_xServer, 5000)) {
+    if (m_xServer <= 0 || !WaitUntil(execd, 5000)) {
         return false;
     }
     m_displaySocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -166,12 +138,10 @@ void Desk::OnGatewayEvent(const std::string& line) {
 }
 
 void Desk::WriteSettings(int port) {
-    char stored[128] = {};
-    _EncryptPassword(kPasswordSeed, kClearKey, stored, sizeof stored);
-    std::ofstream(kConfigPath, std::ios::trunc)
-        << "[gateway]\ngatewayip=127.0.0.1\ngatewayport=" << port << "\ngatewaykey=" << stored
-        << "\ndepartment=Benchmarks\n[agent]\nUpdateInterval=60\n"
-        << "[UI]\nFullScreen=0\nFullScreenTimeout=30\nLargeLogoPath=/usr/sxa/logo.png\n";
+    e2e::WriteSettings(
+        port, kClearKey,
+        "department=Benchmarks\n[agent]\nUpdateInterval=60\n"
+        "[UI]\nFullScreen=0\nFullScreenTimeout=30\nLargeLogoPath=/usr/sxa/logo.png\n");
 }
 
 pid_t Desk::StartDaemon(const std::string& binary) {
@@ -195,8 +165,8 @@ pid_t Desk::StartDaemon(const std::string& binary) {
     if (launched <= 0 || waitpid(launched, nullptr, 0) != launched) {
         return -1;
     }
-    const auto named = [](pid_t) { return atoi(ReadFile(kPidPath).c_str()) > 0; };
-    if (!WaitUntil(named, 0, kStartTimeoutMs)) {
+    const auto named = [] { return atoi(ReadFile(kPidPath).c_str()) > 0; };
+    if (!WaitUntil(named, kStartTimeoutMs)) {
         return -1;
     }
     m_daemon = atoi(ReadFile(kPidPath).c_str());
@@ -213,8 +183,9 @@ long long Desk::AcceptNs() {
 void Desk::StopDaemon() {
     if (m_daemon > 0) {
         kill(m_daemon, SIGKILL);
-        const auto gone = [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) != 0; };
-        WaitUntil(gone, m_daemon, kStartTimeoutMs);
+        const pid_t daemon = m_daemon;
+        const auto gone = [daemon] { return waitpid(daemon, nullptr, WNOHANG) != 0; };
+        WaitUntil(gone, kStartTimeoutMs);
         m_daemon = -1;
     }
     ReapChildren();

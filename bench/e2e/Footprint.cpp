@@ -12,17 +12,13 @@
 #include <vector>
 
 #include "Desk.h"
+#include "HostTesting.h"
 
 namespace bench {
 
 namespace {
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using hosttest::ReadFile;
 
 // The number after "<key>:" in a /proc status file; 0 when absent.
 long long StatusField(const std::string& status, const char* key) {
