@@ -248,6 +248,18 @@ std::string CTL_HTTP_CONNECTION::getlocaladdress() const {
     });
 }
 
+std::string CTL_HTTP_CONNECTION::GetPeerAddress() const {
+    return UseSocket([](int s) -> std::string {
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        if (s == -1 || getpeername(s, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+            peer.sin_family != AF_INET) {
+            return "";
+        }
+        return DottedAddress(peer.sin_addr) + ":" + std::to_string(ntohs(peer.sin_port));
+    });
+}
+
 std::string CTL_HTTP_CONNECTION::GetConnectionAddress() {
     if (m_use_count.load() == 0) {
         return "";

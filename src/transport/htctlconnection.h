@@ -67,10 +67,18 @@ public:
     void Shutdown();
     void InitReadThread();
     static void* ReadThreadFunc(void* connection);
+    // Takes a gateway's version where it is lower than the link's. Kept: the
+    // packed values are compared, so the minor number weighs more.
+    void LowerProtocolVersion(DWORD gatewayVersion) {
+        if (gatewayVersion < m_protocol_ver.load()) {
+            m_protocol_ver = gatewayVersion;
+        }
+    }
     void RequestPause() { ++m_sessions_paused; }
     void ReleasePause();
 
     std::string getlocaladdress() const; // ">a.b.c.d" or ""
+    std::string GetPeerAddress() const;  // "a.b.c.d:port" of the gateway's end, or ""
     std::string GetConnectionAddress();  // dotted gateway address while in use, else ""
     const std::string& GetGatewayKey() const { return m_gateway_key; }
     int GetSocket() const { return m_socket.load(); }

@@ -321,8 +321,7 @@ int CHTCTL::Call(const char* name, int, char*, char*) {
     }
     OutgoingMessage request(*link);
     request.Add("CMD=CTL_CONNECT\n");
-    const DWORD version = link->m_protocol_ver.load();
-    request.Line("PROTOCOL_VER=%u.%u\n", unsigned(version & 0xFFFF), unsigned(version >> 16));
+    request.VersionLine(link->m_protocol_ver.load());
     request.Line("CONTROL_NAME=%s\n", m_name);
     request.Line("CLIENT_IP_ADDRESS=%s\n", callee.c_str());
     // Here only the parts that are known.
@@ -417,9 +416,7 @@ void CHTCTL::OnConnectReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) 
         s.m_connection_id = id;
     }
     connection.m_connect_result = result;
-    if (version < connection.m_protocol_ver.load()) {
-        connection.m_protocol_ver = version; // packed comparison, as at registration
-    }
+    connection.LowerProtocolVersion(version);
     connection.m_connect_complete = true;
 }
 

@@ -2,12 +2,8 @@
 // thread, "GETFILEINFO_REPLY" on the link's read thread into callback code 16.
 // The pending flag and the result of each link live under the connection-list
 // lock, and code 16 is raised with that lock held.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 
 #include <string>
 
@@ -30,22 +26,6 @@ bool ConnectsAtCreate(int slaveType) {
 
 bool IsEmpty(const char* text) {
     return text == nullptr || text[0] == '\0';
-}
-
-// "a.b.c.d:port" of the gateway at the other end of the link, or "".
-std::string PeerAddress(const CTL_HTTP_CONNECTION& link) {
-    return link.UseSocket([](int s) -> std::string {
-        sockaddr_in peer;
-        socklen_t length = sizeof peer;
-        memset(&peer, 0, sizeof peer);
-        if (s == -1 || getpeername(s, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
-            peer.sin_family != AF_INET) {
-            return "";
-        }
-        char dotted[INET_ADDRSTRLEN] = {};
-        inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
-        return std::string(dotted) + ":" + std::to_string(ntohs(peer.sin_port));
-    });
 }
 
 // The first link while it is still in the list (the caller holds the lock).
@@ -132,7 +112,7 @@ void CHTCTL::OnGetFileInfoReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connecti
             TakeField(line, "SUB", subFolder);
         }
     });
-    const std::string serverAddress = PeerAddress(connection);
+    const std::string serverAddress = connection.GetPeerAddress();
 
     CSingleLock lock(&m_lock, TRUE);
     // A failed request, or an answer nobody waits for in a mode that does not

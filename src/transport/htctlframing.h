@@ -42,6 +42,10 @@ public:
         vsprintfToHttpBuf(&m_buf, format, args);
         va_end(args);
     }
+    // "PROTOCOL_VER=major.minor" of a packed version.
+    void VersionLine(DWORD version) {
+        Line("PROTOCOL_VER=%u.%u\n", unsigned(version & 0xFFFF), unsigned(version >> 16));
+    }
     int BodyLength() const { return m_buf.datalen - m_header; }
     // The whole message as it would be written.
     std::string Text() {

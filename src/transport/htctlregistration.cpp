@@ -27,8 +27,7 @@ void SetPollPeriod(CTL_HTTP_CONNECTION& connection, const char* seconds) {
 void CHTCTL::BuildOpenRequest(CTL_HTTP_CONNECTION& connection, OutgoingMessage& request) {
     request.Add("CMD=OPEN\n");
     request.Add("CLIENT_VERSION=1.1\n");
-    const DWORD version = connection.m_protocol_ver.load();
-    request.Line("PROTOCOL_VER=%u.%u\n", unsigned(version & 0xFFFF), unsigned(version >> 16));
+    request.VersionLine(connection.m_protocol_ver.load());
     request.Line("MAXPACKET=%d\n", kDefaultMaxPacket);
     request.Line("CLIENT_NAME=%s\n", m_name);
     request.Line("CLIENT_ADDR=%s\n", connection.getlocaladdress().c_str());
@@ -90,10 +89,7 @@ void CHTCTL::OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
             gatewayVersion = MakeMajorMinVerParam(value);
         }
     });
-    // Kept: the packed versions are compared, so the minor number weighs more.
-    if (gatewayVersion < connection.m_protocol_ver.load()) {
-        connection.m_protocol_ver = gatewayVersion;
-    }
+    connection.LowerProtocolVersion(gatewayVersion);
 }
 
 void CHTCTL::OnConfigUpdate(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
