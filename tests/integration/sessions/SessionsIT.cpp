@@ -8,6 +8,7 @@
 namespace {
 
 using gateway_it::GatewayTest;
+using gateway_it::kControlType;
 using gateway_it::Post;
 using gateway_it::WaitUntil;
 
@@ -18,7 +19,7 @@ struct Directory : GatewayTest {
 
     void SetUp() override {
         GatewayTest::SetUp();
-        Start(8, 2);
+        Start(kControlType, 2);
         ASSERT_GT(north.Start(), 0);
         app.text["Gateway_1"] = Target(north);
         app.text["Gateway_Name_1"] = "north";

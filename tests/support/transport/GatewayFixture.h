@@ -15,6 +15,8 @@
 namespace gateway_it {
 
 using transport_test::App;
+using transport_test::kControlType;
+using transport_test::kDaemonType;
 using transport_test::Post;
 
 using e2e::StoredKey;
@@ -49,7 +51,7 @@ struct GatewayTest : ::testing::Test {
         app.text["GSK"] = StoredKey("secretkey");
     }
     int Create(int ctltype, int sessions = 3) {
-        ctl = new vel::CHTCTL(443);
+        ctl = new vel::CHTCTL(vel::kDefaultGatewayPort);
         tagCTLCREATEPARAMS p = {};
         strncpy(p.name, "ws-test", sizeof p.name);
         p.ctltype = ctltype;

@@ -18,6 +18,11 @@
 
 namespace transport_test {
 
+// Creation types: the daemon's (its read loop reconnects a lost link) and the
+// transport's default, a controlling side (sessions in use, no reconnection).
+constexpr int kDaemonType = -1;
+constexpr int kControlType = 8;
+
 // What a callback carried, copied while it was valid.
 struct Event {
     int code = 0, transport = 0, session = 0, messageid = 0;
@@ -108,7 +113,7 @@ struct PairedLink {
 // A transport created without a gateway (slavetype 1) owning a paired link.
 struct Harness {
     App app;
-    vel::CHTCTL* ctl = new vel::CHTCTL(443);
+    vel::CHTCTL* ctl = new vel::CHTCTL(vel::kDefaultGatewayPort);
     vel::CTL_HTTP_CONNECTION* link =
         new vel::CTL_HTTP_CONNECTION("gw.example:443", "k", ctl, nullptr);
     int peer = Pair(*link);

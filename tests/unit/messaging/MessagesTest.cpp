@@ -11,6 +11,7 @@
 namespace {
 
 using transport_test::Harness;
+using transport_test::kControlType;
 using transport_test::Post;
 
 std::string Base64(const std::string& bytes) {
@@ -53,7 +54,7 @@ TEST(Messages, MessageBecomesTheNotificationBlock) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        Harness h(8, 1);
+        Harness h(kControlType, 1);
         h.Dispatch(c.body);
         const auto delivered = h.app.Of(kCtlDataReceived);
         ASSERT_EQ(delivered.size(), 1u);
@@ -65,7 +66,7 @@ TEST(Messages, MessageBecomesTheNotificationBlock) {
 }
 
 TEST(Messages, ReportsGoOutByteForByte) {
-    Harness h(8, 1);
+    Harness h(kControlType, 1);
     tagCTL_MESSAGERECEIVEDINFO alice = {0, 42, 0, "alice"};
     tagCTL_MESSAGERECEIVEDINFO nobody = {0, 7, 1, nullptr};
     tagCTL_MESSAGEACKNOWLEDGEDINFO ack = {0, -1, -3, ""};
@@ -97,7 +98,7 @@ int Record(int code, void*, CTL_CALLBACK* cb) {
 }
 
 TEST(FileInfo, RequestAndRepliesUnderTheListLock) {
-    Harness h(8, 1);
+    Harness h(kControlType, 1);
     gCtl = h.ctl;
     h.ctl->m_callback = &Record;
     h.ctl->m_slaveType = 256;

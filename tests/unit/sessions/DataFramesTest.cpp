@@ -14,10 +14,11 @@
 namespace {
 
 using transport_test::Harness;
+using transport_test::kControlType;
 using transport_test::Post;
 
 TEST(Sessions, ConnectIsAnsweredReportedAndRefusedWhenTheTableIsFull) {
-    Harness h(8, 1);
+    Harness h(kControlType, 1);
     strcpy(h.ctl->m_name, "WS-TEST");
     for (unsigned id : {41u, 42u}) {
         h.Dispatch("CMD=CONNECT\nCONNECTION_ID=" + std::to_string(id) +
@@ -46,7 +47,7 @@ TEST(DataFrames, BothFormsByteForByte) {
     const std::string crc = "2856550370"; // of 01 02 03: reflected, from ~0, not inverted
     for (DWORD version : {0x00010001u, 0x00010000u}) {
         SCOPED_TRACE(version);
-        Harness h(8, 2);
+        Harness h(kControlType, 2);
         h.link->m_protocol_ver = version;
         const auto frame = [&](unsigned id, unsigned seq) {
             const std::string ids = std::to_string(id), seqs = std::to_string(seq);
@@ -101,7 +102,7 @@ TEST(DataFrames, BroadcastWalksTheSubsetsButNeverTheLastSession) {
 // A pause counts once per session on its link, for sessions this side set up;
 // Pause false, or hanging the session up, releases it.
 TEST(Pause, CountsOncePerChangeAndOnlyForEstablishedSessions) {
-    Harness h(8, 3);
+    Harness h(kControlType, 3);
     h.Attach(0, 10, 2);
     h.Attach(1, 11, 1);
     std::atomic<int>& paused = h.link->m_sessions_paused;
@@ -142,7 +143,7 @@ TEST(ReceivedFrames, DeclaredLengthIsBoundedByTheDecodedBytes) {
     };
     for (bool bare : {true, false}) {
         for (const auto& c : cases) {
-            Harness h(8, 1);
+            Harness h(kControlType, 1);
             h.Attach(0, 21, 1);
             const auto* bytes = reinterpret_cast<const unsigned char*>(c.payload.data());
             if (bare) {

@@ -71,7 +71,7 @@ TEST(ProxyHandshake, ProxiedConnectionNeverCompletes) {
     const int proxy = transport_test::ListenLoopback(0);
     ASSERT_NE(proxy, -1);
     const std::string proxyTarget = "127.0.0.1:" + std::to_string(transport_test::PortOf(proxy));
-    vel::CHTCTL ctl(443);
+    vel::CHTCTL ctl(vel::kDefaultGatewayPort);
     CTL_HTTP_CONNECTION link("127.0.0.1:9", "key", &ctl, proxyTarget.c_str());
     EXPECT_EQ(link.TryToConnect(), EBADF);
     EXPECT_FALSE(link.IsConnected());

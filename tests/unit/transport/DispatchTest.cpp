@@ -63,7 +63,7 @@ TEST(Dispatch, WholeMessagesAreHandledPartOnesWaitAndBadHeadersDropTheLink) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        vel::CHTCTL ctl(443);
+        vel::CHTCTL ctl(vel::kDefaultGatewayPort);
         PairedLink paired(&ctl);
         std::string bytes = c.bytes;
         tagHTTP_BUF in = {int(bytes.size()) + 1, int(bytes.size()), 0, nullptr};

@@ -10,6 +10,7 @@
 namespace {
 
 using transport_test::Harness;
+using transport_test::kControlType;
 using transport_test::Post;
 using vel::CHTCTL;
 
@@ -36,7 +37,7 @@ TEST(Interface, SlotOrder) {
 }
 
 TEST(Create, NameIsCutAndUpperCased) {
-    CHTCTL ctl(443);
+    CHTCTL ctl(vel::kDefaultGatewayPort);
     tagCTLCREATEPARAMS p = {};
     memcpy(p.name, "workstation-0042", 16); // 16 characters, no terminator
     p.slavetype = 1;                        // no gateway contacted
@@ -53,7 +54,7 @@ std::string Hangup(unsigned id) {
 // is hung up only if the second is on the link, the last entry stays, and the
 // step past the table matches nothing.
 TEST(Sessions, CloseHangsUpTheNumberBeforeEachEntryOnTheLink) {
-    Harness h(8, 3);
+    Harness h(kControlType, 3);
     for (int i = 0; i < 3; ++i) {
         h.Attach(i, 11u + unsigned(i), 1);
     }
@@ -66,7 +67,7 @@ TEST(Sessions, CloseHangsUpTheNumberBeforeEachEntryOnTheLink) {
 }
 
 TEST(Destruction, HangsUpEverySessionWithoutCallbacks) {
-    Harness h(8, 4);
+    Harness h(kControlType, 4);
     h.Attach(0, 11, 1);
     h.Attach(2, 33, 1);
     h.Attach(3, 0, 1); // no gateway number: detached only

@@ -17,7 +17,7 @@ using vel::CHTCTL;
 using vel::CTL_HTTP_CONNECTION;
 
 TEST(Registration, EveryLineInOrderAndTheAnswersChainStopsAtTheFirstEmpty) {
-    CHTCTL ctl(443);
+    CHTCTL ctl(vel::kDefaultGatewayPort);
     transport_test::App app;
     ctl.m_callback = &transport_test::App::Callback;
     ctl.m_cbdata = &app;
@@ -48,7 +48,7 @@ TEST(Registration, EveryLineInOrderAndTheAnswersChainStopsAtTheFirstEmpty) {
 // Kept: the packed versions are compared, so the minor number weighs more.
 // The other reply fields are stored only.
 TEST(OpenReply, VersionNegotiationAndThePollPeriod) {
-    CHTCTL ctl(443);
+    CHTCTL ctl(vel::kDefaultGatewayPort);
     const std::pair<const char*, DWORD> versions[] = {
         {"", 0x00010001},                   // no PROTOCOL_VER: "1.1"
         {"PROTOCOL_VER=1.2\n", 0x00010001}, // newer gateway: ours stays
@@ -67,7 +67,7 @@ TEST(OpenReply, VersionNegotiationAndThePollPeriod) {
 
 // Any write on the link puts the next poll a whole period off.
 TEST(KeepAliveCheck, PollsWhenDueUnlessWrittenAndReconnectsEveryThirtiethCheck) {
-    CHTCTL ctl(443);
+    CHTCTL ctl(vel::kDefaultGatewayPort);
     PairedLink paired(&ctl);
     paired.link.m_next_poll_time = vel::NowMs() - 1;
     ASSERT_EQ(paired.link.Write("x", 1), 0);
@@ -78,7 +78,7 @@ TEST(KeepAliveCheck, PollsWhenDueUnlessWrittenAndReconnectsEveryThirtiethCheck) 
     EXPECT_EQ(paired.Drain(), Post("gw.example:443", "CMD=POLL\n"));
 
     CTL_HTTP_CONNECTION link("127.0.0.1:1", "k", &ctl, nullptr); // refused at once
-    ctl.m_ctltype = -1;                                          // as the daemon creates it
+    ctl.m_ctltype = transport_test::kDaemonType;
     ctl.CheckConnection(link); // 0 -> -1: try now, then count 30 again
     EXPECT_EQ(link.m_connect_timer, 30);
     for (int i = 0; i < 29; ++i) {
