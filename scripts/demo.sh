@@ -33,7 +33,7 @@ fi
 
 # ---- inside the sandbox --------------------------------------------------
 build=$2
-stub="$build/tests/e2e/notify/nd_notify_stub"
+stub="$build/tests/support/stubs/nd_notify_stub"
 demo=/run/nd-notify
 records=$demo/records
 gwout=$demo/gateway.out
