@@ -1,6 +1,10 @@
 // HTTP framing: the growable message buffer, the request header and its
 // length patch, the line reader and keyword matcher, blocking readers and the
 // version packing. A buffer belongs to one thread at a time.
+//
+// Failures, for the framing and the encodings alike, are return values: what
+// cannot be made is null (an index -1), an append that cannot get memory
+// leaves the buffer as it was, and the blocking readers free theirs.
 #pragma once
 
 #include <stdarg.h>
