@@ -61,7 +61,7 @@ bool BitSet(const unsigned char* bitmap, int index) {
 // A received frame's fields. Its sequence number and CRC are carried but not
 // checked, so they are not read.
 struct ReceivedFrame {
-    unsigned long m_id = 0;
+    uint32_t m_id = 0;
     int m_declaredLength = 0;
     std::string m_data; // still encoded
 };
@@ -69,13 +69,9 @@ struct ReceivedFrame {
 ReceivedFrame ReadFrame(tagHTTP_BUF& body, const FrameKeys& keys) {
     ReceivedFrame frame;
     ForEachBodyLine(body, [&](char* line) {
-        if (const char* id = HttpMatchKeyword(line, keys.m_id)) {
-            frame.m_id = uint32_t(ParseUnsigned(id));
-        } else if (const char* length = HttpMatchKeyword(line, keys.m_len)) {
-            frame.m_declaredLength = ParseDecimal(length);
-        } else {
+        TakeField(line, keys.m_id, frame.m_id) ||
+            TakeField(line, keys.m_len, frame.m_declaredLength) ||
             TakeField(line, keys.m_data, frame.m_data);
-        }
     });
     return frame;
 }

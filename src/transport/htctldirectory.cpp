@@ -248,11 +248,11 @@ void CHTCTL::OnBrowseReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
         if (ended) {
             return;
         }
-        if (const char* value = HttpMatchKeyword(line, "MORE")) {
-            more = ParseDecimal(value);
-        } else if (const char* reason = HttpMatchKeyword(line, "FAILED_REASON")) {
-            m_failed_reason = ParseDecimal(reason);
-        } else if (HttpMatchKeyword(line, "END_CLIENT") != nullptr) {
+        int reason = 0;
+        std::string end;
+        if (TakeField(line, "FAILED_REASON", reason)) {
+            m_failed_reason = reason;
+        } else if (TakeField(line, "END_CLIENT", end)) {
             if (client.m_name.empty()) {
                 ended = true; // a client without a name ends the list
                 return;
@@ -274,7 +274,7 @@ void CHTCTL::OnBrowseReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
                 RaiseCallback(kCtlDataReceived, &cb);
             }
             client = BrowsedClient();
-        } else {
+        } else if (!TakeField(line, "MORE", more)) {
             for (size_t i = 0; i < sizeof kKeys / sizeof kKeys[0]; ++i) {
                 if (TakeField(line, kKeys[i], *fields[i])) {
                     break;
@@ -389,20 +389,16 @@ int CHTCTL::CancelCall(CTL_HTTP_CONNECTION* connection, const char* controlName,
 void CHTCTL::OnConnectReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
     int result = -1;
     std::string clientName;
-    unsigned long id = 0;
-    DWORD version = MakeMajorMinVerParam("1.1");
+    uint32_t id = 0;
+    std::string version = "1.1"; // when the gateway names none
     ForEachBodyLine(body, [&](char* line) {
-        const char* value;
-        if ((value = HttpMatchKeyword(line, "RESULT")) != nullptr) {
-            result = ParseDecimal(value);
-        } else if ((value = HttpMatchKeyword(line, "CONNECTION_ID")) != nullptr) {
-            id = uint32_t(ParseUnsigned(value));
-        } else if ((value = HttpMatchKeyword(line, "FAILED_REASON")) != nullptr) {
-            m_failed_reason = ParseDecimal(value);
-        } else if ((value = HttpMatchKeyword(line, "PROTOCOL_VER")) != nullptr) {
-            version = MakeMajorMinVerParam(value);
+        int reason = 0;
+        if (TakeField(line, "FAILED_REASON", reason)) {
+            m_failed_reason = reason;
         } else {
-            TakeField(line, "CLIENT_NAME", clientName);
+            TakeField(line, "RESULT", result) || TakeField(line, "CONNECTION_ID", id) ||
+                TakeField(line, "PROTOCOL_VER", version) ||
+                TakeField(line, "CLIENT_NAME", clientName);
         }
     });
     // The session's gateway number changes under both locks.
@@ -416,7 +412,7 @@ void CHTCTL::OnConnectReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) 
         s.m_connection_id = id;
     }
     connection.m_connect_result = result;
-    connection.LowerProtocolVersion(version);
+    connection.LowerProtocolVersion(MakeMajorMinVerParam(version.c_str()));
     connection.m_connect_complete = true;
 }
 
@@ -483,12 +479,8 @@ int CHTCTL::AddDomain(const char* name, CTL_ADDDOMAIN_PARAMS* params, long* resu
 
 void CHTCTL::OnAddDomainReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
     int result = 0;
-    ForEachBodyLine(body, [&](char* line) {
-        if (const char* value = HttpMatchKeyword(line, "RESULT")) {
-            result = ParseDecimal(value);
-        }
-        // "ERROR" carries nothing this side uses.
-    });
+    // "ERROR" carries nothing this side uses.
+    ForEachBodyLine(body, [&](char* line) { TakeField(line, "RESULT", result); });
     CLockUnlessHeld list(m_lock);
     connection.m_adddomain_result = result != 0;
     connection.m_adddomain_pending = false;

@@ -180,13 +180,13 @@ bool CHTCTL::ProcessMessage(tagHTTP_BUF& buf, CTL_HTTP_CONNECTION& connection) {
 
 bool CHTCTL::ProcessMessageBody(char* body, int length, CTL_HTTP_CONNECTION& connection) {
     tagHTTP_BUF view = {length + 1, length, 0, body};
-    const char* command = nullptr;
-    while (command == nullptr) {
+    std::string command;
+    for (bool found = false; !found;) {
         char* line = NextBodyLine(view);
         if (line == nullptr) {
             return true;
         }
-        command = HttpMatchKeyword(line, "CMD");
+        found = TakeField(line, "CMD", command);
     }
     typedef void (CHTCTL::*Handler)(tagHTTP_BUF&, CTL_HTTP_CONNECTION&);
     static const struct {
@@ -208,14 +208,14 @@ bool CHTCTL::ProcessMessageBody(char* body, int length, CTL_HTTP_CONNECTION& con
         {"GETFILEINFO_REPLY", &CHTCTL::OnGetFileInfoReply},
     };
     for (const auto& entry : kCommands) {
-        if (strcasecmp(command, entry.m_command) == 0) {
+        if (strcasecmp(command.c_str(), entry.m_command) == 0) {
             if (entry.m_handler != nullptr) {
                 (this->*entry.m_handler)(view, connection);
             }
             return true;
         }
     }
-    OnUnknownResponse(view, const_cast<char*>(command));
+    OnUnknownResponse(view, &command[0]);
     return true;
 }
 

@@ -101,16 +101,9 @@ void CHTCTL::OnGetFileInfoReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connecti
     uint64_t lastWriteTime = 0;
     int result = 0;
     ForEachBodyLine(body, [&](char* line) {
-        const char* value;
-        if ((value = HttpMatchKeyword(line, "RESULT")) != nullptr) {
-            result = ParseDecimal(value);
-        } else if ((value = HttpMatchKeyword(line, "FSIZE")) != nullptr) {
-            fileSize = strtoull(value, nullptr, 10);
-        } else if ((value = HttpMatchKeyword(line, "LWT")) != nullptr) {
-            lastWriteTime = strtoull(value, nullptr, 10);
-        } else if (!TakeField(line, "LINK", link) && !TakeField(line, "FNAME", fileName)) {
-            TakeField(line, "SUB", subFolder);
-        }
+        TakeField(line, "RESULT", result) || TakeField(line, "FSIZE", fileSize) ||
+            TakeField(line, "LWT", lastWriteTime) || TakeField(line, "LINK", link) ||
+            TakeField(line, "FNAME", fileName) || TakeField(line, "SUB", subFolder);
     });
     const std::string serverAddress = connection.GetPeerAddress();
 

@@ -5,12 +5,15 @@
 #pragma once
 
 #include <stdarg.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "host/MachineDetails.h"
 #include "transport/htctlconnection.h"
+#include "transport/htctlparse.h"
 #include "transport/htctlsession.h"
 #include "transport/httputil.h"
 
@@ -86,14 +89,37 @@ template <class F> void ForEachBodyLine(tagHTTP_BUF& body, F f) {
     }
 }
 
-// Stores the value of a KEY=VALUE line in `value` when its key is `key`.
+// The one field reader of received bodies: when the KEY=VALUE line's key is
+// `key` (any case), stores its value in `value` (as text; as a number with
+// the C library's leniency: decimal, unsigned cut to the wire's 32 bits, or
+// unsigned 64-bit) and returns true.
 inline bool TakeField(char* line, const char* key, std::string& value) {
     const char* found = HttpMatchKeyword(line, key);
-    if (found == nullptr) {
-        return false;
+    if (found != nullptr) {
+        value = found;
     }
-    value = found;
-    return true;
+    return found != nullptr;
+}
+inline bool TakeField(char* line, const char* key, int& value) {
+    const char* found = HttpMatchKeyword(line, key);
+    if (found != nullptr) {
+        value = ParseDecimal(found);
+    }
+    return found != nullptr;
+}
+inline bool TakeField(char* line, const char* key, uint32_t& value) {
+    const char* found = HttpMatchKeyword(line, key);
+    if (found != nullptr) {
+        value = uint32_t(ParseUnsigned(found));
+    }
+    return found != nullptr;
+}
+inline bool TakeField(char* line, const char* key, uint64_t& value) {
+    const char* found = HttpMatchKeyword(line, key);
+    if (found != nullptr) {
+        value = strtoull(found, nullptr, 10);
+    }
+    return found != nullptr;
 }
 
 // The machine as requests name it: the host name and the MAC address of the

@@ -51,11 +51,9 @@ void CHTCTL::OnMessage(tagHTTP_BUF& body, CTL_HTTP_CONNECTION&) {
     std::string sender;
     int messageId = -1;
     ForEachBodyLine(body, [&](char* line) {
-        if (const char* value = HttpMatchKeyword(line, "ID")) {
-            messageId = ParseDecimal(value);
-        } else if (TakeField(line, "SENDER", sender)) {
+        if (TakeField(line, "SENDER", sender)) {
             sender.resize(std::min(sender.size(), kSenderLength));
-        } else {
+        } else if (!TakeField(line, "ID", messageId)) {
             TakeField(line, "MSG", encoded);
         }
     });

@@ -16,10 +16,15 @@ constexpr int kReconnectCountdown = 30;
 constexpr int kChatIdLength = 16;
 constexpr int kSettingLength = 256;
 
-// Sets the keep-alive period from a CMPI value in seconds.
-void SetPollPeriod(CTL_HTTP_CONNECTION& connection, const char* seconds) {
+// Sets the keep-alive period from a CMPI line (seconds); false for another line.
+bool TakePollPeriod(char* line, CTL_HTTP_CONNECTION& connection) {
+    uint64_t seconds = 0;
+    if (!TakeField(line, "CMPI", seconds)) {
+        return false;
+    }
     CSingleLock lock(&connection.m_lock, TRUE);
-    connection.m_comms_manage_pkt_period = ParseUnsigned(seconds) * 1000ul;
+    connection.m_comms_manage_pkt_period = static_cast<unsigned long>(seconds) * 1000ul;
+    return true;
 }
 
 } // namespace
@@ -71,33 +76,28 @@ int CHTCTL::OnConnected(CTL_HTTP_CONNECTION& connection) {
 }
 
 void CHTCTL::OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
-    DWORD gatewayVersion = MakeMajorMinVerParam("1.1"); // when the gateway names none
+    std::string gatewayVersion = "1.1"; // when the gateway names none
     ForEachBodyLine(body, [&](char* line) {
-        const char* value;
-        if ((value = HttpMatchKeyword(line, "SERVER_VERSION")) != nullptr) {
+        std::string text;
+        int number = 0;
+        if (TakeField(line, "SERVER_VERSION", text)) {
             CSingleLock lock(&connection.m_lock, TRUE);
-            connection.m_server_version = value;
-        } else if ((value = HttpMatchKeyword(line, "MAXPACKET")) != nullptr) {
-            connection.m_maxpacket = ParseDecimal(value);
-        } else if ((value = HttpMatchKeyword(line, "RESULT")) != nullptr) {
-            connection.m_open_reply_err = ParseDecimal(value);
-        } else if ((value = HttpMatchKeyword(line, "FAILED_REASON")) != nullptr) {
-            m_failed_reason = ParseDecimal(value);
-        } else if ((value = HttpMatchKeyword(line, "CMPI")) != nullptr) {
-            SetPollPeriod(connection, value);
-        } else if ((value = HttpMatchKeyword(line, "PROTOCOL_VER")) != nullptr) {
-            gatewayVersion = MakeMajorMinVerParam(value);
+            connection.m_server_version = text;
+        } else if (TakeField(line, "MAXPACKET", number)) {
+            connection.m_maxpacket = number;
+        } else if (TakeField(line, "RESULT", number)) {
+            connection.m_open_reply_err = number;
+        } else if (TakeField(line, "FAILED_REASON", number)) {
+            m_failed_reason = number;
+        } else if (!TakePollPeriod(line, connection)) {
+            TakeField(line, "PROTOCOL_VER", gatewayVersion);
         }
     });
-    connection.LowerProtocolVersion(gatewayVersion);
+    connection.LowerProtocolVersion(MakeMajorMinVerParam(gatewayVersion.c_str()));
 }
 
 void CHTCTL::OnConfigUpdate(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
-    ForEachBodyLine(body, [&](char* line) {
-        if (const char* value = HttpMatchKeyword(line, "CMPI")) {
-            SetPollPeriod(connection, value);
-        }
-    });
+    ForEachBodyLine(body, [&](char* line) { TakePollPeriod(line, connection); });
 }
 
 int CHTCTL::SendSimpleCmd(const char* cmd, CTL_HTTP_CONNECTION& connection) {

@@ -20,19 +20,10 @@ constexpr int kConnectAccepted = 0;
 constexpr int kConnectRefused = 2;
 constexpr size_t kCalledNameChars = 15; // of the control name, after "NC_"
 
-// The gateway's session numbers are 32-bit on the wire.
-unsigned long ParseConnectionId(const char* value) {
-    return uint32_t(ParseUnsigned(value));
-}
-
 // The last CONNECTION_ID of a body; 0 when absent.
 unsigned long ReadConnectionId(tagHTTP_BUF& body) {
-    unsigned long id = 0;
-    ForEachBodyLine(body, [&](char* line) {
-        if (const char* value = HttpMatchKeyword(line, "CONNECTION_ID")) {
-            id = ParseConnectionId(value);
-        }
-    });
+    uint32_t id = 0;
+    ForEachBodyLine(body, [&](char* line) { TakeField(line, "CONNECTION_ID", id); });
     return id;
 }
 
@@ -66,15 +57,12 @@ CTL_HTTP_SESSION* CHTCTL::GetSession(unsigned long connection_id, CTL_HTTP_CONNE
 }
 
 void CHTCTL::OnConnect(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
-    unsigned long id = 0;
+    uint32_t id = 0;
     std::string controlName;
     std::string controlAddress;
     ForEachBodyLine(body, [&](char* line) {
-        if (const char* value = HttpMatchKeyword(line, "CONNECTION_ID")) {
-            id = ParseConnectionId(value);
-        } else if (!TakeField(line, "CONTROL_NAME", controlName)) {
+        TakeField(line, "CONNECTION_ID", id) || TakeField(line, "CONTROL_NAME", controlName) ||
             TakeField(line, "CONTROL_ADDR", controlAddress);
-        }
     });
 
     int result = kConnectRefused;
