@@ -84,7 +84,7 @@ TEST_F(Directory, BrowseResultsArriveAsBlocksUntilNoMore) {
     EXPECT_TRUE(WaitUntil([&] { return north.ClientCount() == 0; })); // its link closed
 }
 
-// Kept: a wait without a reply in time times out, a cancelled one reports so.
+// A wait without a reply in time ends timed out, a cancelled one cancelled.
 TEST_F(Directory, AddDomainResultTimeOutAndCancellation) {
     CTL_ADDDOMAIN_PARAMS params = {"g-1", "desc", "k"};
     const struct {
