@@ -8,6 +8,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     iproute2 procps util-linux wget valgrind
     libx11-dev libxft-dev fonts-dejavu-core xvfb xdotool
+    lintian man-db systemd mmdebstrap systemd-container
 )
 
 missing=()
