@@ -54,8 +54,8 @@ private:
     void Shrink();
     void Finish(Outcome outcome);
     int SizeForWidth(int width);
-#ifdef GDK_WINDOWING_X11
     bool OnX11() const;
+#ifdef GDK_WINDOWING_X11
     void PlaceOnX11(bool mapped);
 #endif
 
@@ -261,11 +261,15 @@ int NotificationView::SizeForWidth(int width) {
     return chrome + scroll;
 }
 
-#ifdef GDK_WINDOWING_X11
 bool NotificationView::OnX11() const {
+#ifdef GDK_WINDOWING_X11
     return GDK_IS_X11_DISPLAY(gtk_widget_get_display(m_window));
+#else
+    return false;
+#endif
 }
 
+#ifdef GDK_WINDOWING_X11
 // X11 lets a client place itself: the slot (or the whole monitor while
 // full-screen and no window manager does it), above other windows, urgent.
 void NotificationView::PlaceOnX11(bool mapped) {
@@ -386,14 +390,31 @@ void NotificationView::Shrink() {
     }
 #endif
     gtk_window_set_default_size(GTK_WINDOW(m_window), m_slot.width, SizeForWidth(m_slot.width));
+    gtk_window_set_resizable(GTK_WINDOW(m_window), FALSE);
 }
 
 Outcome NotificationView::Run() {
     FindMonitor();
     Build();
     SetLook(m_large);
+    if (!OnX11()) {
+        // Wayland: the compositor places the window; a fixed size (the slot's
+        // width, the text's height) keeps tiling compositors from stretching
+        // it over the screen, and follows the text when the look changes. A
+        // full-screen window must be free to fill the screen.
+        gtk_window_set_resizable(GTK_WINDOW(m_window), !m_large);
+    }
+    if (!OnX11() && !m_large) {
+        gtk_label_set_max_width_chars(GTK_LABEL(m_text), 1);
+        gtk_label_set_max_width_chars(GTK_LABEL(m_heading), 1);
+        gtk_widget_set_size_request(m_box, m_slot.width - 2 * kPadding, -1);
+    }
     const int height = SizeForWidth(m_slot.width);
-    gtk_window_set_default_size(GTK_WINDOW(m_window), m_slot.width, height);
+    if (m_large && !OnX11()) {
+        gtk_window_set_default_size(GTK_WINDOW(m_window), m_monitor.width, m_monitor.height);
+    } else {
+        gtk_window_set_default_size(GTK_WINDOW(m_window), m_slot.width, height);
+    }
     if (m_large) {
         gtk_window_fullscreen(GTK_WINDOW(m_window));
     }
