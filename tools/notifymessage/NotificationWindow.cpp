@@ -20,7 +20,8 @@ namespace {
 constexpr int kPadding = 14;
 constexpr int kLargePadding = 48;
 constexpr int kSpacing = 10;
-constexpr int kMinScrollHeight = 48;
+constexpr int kMinScrollHeight = 20; // a line
+constexpr guint kSettleMs = 250;
 
 // The full-screen look is the same window with larger type.
 constexpr const char* kStyle = ".nd-heading { font-weight: bold; font-size: 13pt; }"
@@ -57,6 +58,8 @@ private:
     bool OnX11() const;
 #ifdef GDK_WINDOWING_X11
     void PlaceOnX11(bool mapped);
+    bool ReadFrameExtents();
+    static gboolean OnXEvent(GdkX11Display*, gpointer xevent, gpointer self);
 #endif
 
     static void OnRealize(GtkWidget*, gpointer self);
@@ -65,6 +68,7 @@ private:
     static gboolean OnCloseRequest(GtkWindow*, gpointer self);
     static gboolean OnTimeout(gpointer self);
     static gboolean OnShrink(gpointer self);
+    static gboolean OnSettled(gpointer self);
 
     const NotificationRequest& m_request;
     GdkPixbuf* m_logo;
@@ -83,6 +87,11 @@ private:
     Rect m_slot;
     guint m_closeTimer = 0;
     guint m_shrinkTimer = 0;
+    // A window manager's frame around the window (X11), in logical pixels:
+    // the slot holds the frame and the window together.
+    int m_frameWidth = 0;
+    int m_frameHeight = 0;
+    unsigned long m_xid = 0;
 };
 
 NotificationView::~NotificationView() {
@@ -248,16 +257,22 @@ int NotificationView::SizeForWidth(int width) {
     }
     gtk_widget_measure(m_text, GTK_ORIENTATION_VERTICAL, textWidth, &minimum, &natural, nullptr,
                        nullptr);
-    const int tallest = m_large
-                            ? m_monitor.height
-                            : std::max(m_slot.height, MaxWindowHeight(m_monitor.height, m_slot.y));
-    const int lowest = std::max(m_large ? 0 : m_slot.height - chrome, logoHeight);
+    // The slot holds a window manager's frame too.
+    const int tallest =
+        m_large
+            ? m_monitor.height
+            : std::max(m_slot.height, MaxWindowHeight(m_monitor.height, m_slot.y)) - m_frameHeight;
+    const int lowest = std::max(m_large ? 0 : m_slot.height - m_frameHeight - chrome, logoHeight);
     const int scroll =
         std::max(kMinScrollHeight, std::min(std::max(natural, lowest), tallest - chrome));
+    // On X11 the window's size is set from outside (a window manager keeps to
+    // the minimum GTK declares, so that stays small); a Wayland window has
+    // its content's size, so there the scrolled part is fixed.
+    const bool fixed = !m_large && !OnX11();
     GtkScrolledWindow* scroller = GTK_SCROLLED_WINDOW(m_scroller);
     gtk_scrolled_window_set_max_content_height(scroller, -1);
-    gtk_scrolled_window_set_min_content_height(scroller, m_large ? kMinScrollHeight : scroll);
-    gtk_scrolled_window_set_max_content_height(scroller, m_large ? -1 : scroll);
+    gtk_scrolled_window_set_min_content_height(scroller, fixed ? scroll : kMinScrollHeight);
+    gtk_scrolled_window_set_max_content_height(scroller, fixed ? scroll : -1);
     return chrome + scroll;
 }
 
@@ -281,10 +296,15 @@ void NotificationView::PlaceOnX11(bool mapped) {
     const bool managedFullscreen =
         gdk_x11_screen_supports_net_wm_hint(screen, "_NET_WM_STATE_FULLSCREEN");
 
+    m_xid = xid;
+    if (mapped && !m_large) {
+        ReadFrameExtents();
+    }
     Rect place = m_slot;
     place.x += m_monitor.x;
     place.y += m_monitor.y;
-    place.height = SizeForWidth(m_slot.width);
+    place.width = std::max(1, m_slot.width - m_frameWidth);
+    place.height = SizeForWidth(place.width);
     if (m_large) {
         place = {m_monitor.x, m_monitor.y, m_monitor.width, m_monitor.height};
     }
@@ -326,10 +346,53 @@ void NotificationView::PlaceOnX11(bool mapped) {
 }
 #endif
 
+// The frame's size from _NET_FRAME_EXTENTS; true when it changed.
+bool NotificationView::ReadFrameExtents() {
+    Display* xdisplay = gdk_x11_display_get_xdisplay(gtk_widget_get_display(m_window));
+    Atom type = None;
+    int format = 0;
+    unsigned long items = 0, after = 0;
+    unsigned char* data = nullptr;
+    int width = 0, height = 0;
+    if (XGetWindowProperty(xdisplay, m_xid, XInternAtom(xdisplay, "_NET_FRAME_EXTENTS", False), 0,
+                           4, False, XA_CARDINAL, &type, &format, &items, &after,
+                           &data) == Success &&
+        data != nullptr && format == 32 && items == 4) {
+        const long* sides = reinterpret_cast<const long*>(data); // left, right, top, bottom
+        const long limit = 512;                                  // another program's numbers
+        auto side = [&](int i) { return int(std::min(std::max(sides[i], 0L), limit)); };
+        width = (side(0) + side(1)) / m_scale;
+        height = (side(2) + side(3)) / m_scale;
+    }
+    if (data != nullptr) {
+        XFree(data);
+    }
+    const bool changed = width != m_frameWidth || height != m_frameHeight;
+    m_frameWidth = width;
+    m_frameHeight = height;
+    return changed;
+}
+
+gboolean NotificationView::OnXEvent(GdkX11Display*, gpointer xevent, gpointer self) {
+    auto* view = static_cast<NotificationView*>(self);
+    const XEvent* event = static_cast<const XEvent*>(xevent);
+    if (event->type == PropertyNotify && view->m_xid != 0 &&
+        event->xproperty.window == view->m_xid && !view->m_large) {
+        Display* xdisplay = event->xproperty.display;
+        if (event->xproperty.atom == XInternAtom(xdisplay, "_NET_FRAME_EXTENTS", False) &&
+            view->ReadFrameExtents()) {
+            view->PlaceOnX11(true);
+        }
+    }
+    return FALSE; // GDK sees every event too
+}
+
 void NotificationView::OnRealize(GtkWidget*, gpointer self) {
 #ifdef GDK_WINDOWING_X11
     auto* view = static_cast<NotificationView*>(self);
     if (view->OnX11()) {
+        g_signal_connect(gtk_widget_get_display(view->m_window), "xevent", G_CALLBACK(OnXEvent),
+                         view);
         view->PlaceOnX11(false);
     }
 #else
@@ -380,12 +443,25 @@ gboolean NotificationView::OnShrink(gpointer self) {
     return G_SOURCE_REMOVE;
 }
 
+gboolean NotificationView::OnSettled(gpointer self) {
+#ifdef GDK_WINDOWING_X11
+    auto* view = static_cast<NotificationView*>(self);
+    view->ReadFrameExtents();
+    view->PlaceOnX11(true);
+#else
+    (void)self;
+#endif
+    return G_SOURCE_REMOVE;
+}
+
 void NotificationView::Shrink() {
     SetLook(false);
     gtk_window_unfullscreen(GTK_WINDOW(m_window));
 #ifdef GDK_WINDOWING_X11
     if (OnX11()) {
+        // Once a window manager has put its frame back (or at once without one).
         PlaceOnX11(true);
+        g_timeout_add(kSettleMs, OnSettled, this);
         return;
     }
 #endif

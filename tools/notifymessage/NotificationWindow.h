@@ -24,7 +24,7 @@ enum class Outcome {
 constexpr const char* kButtonLabel = "Acknowledge";
 constexpr const char* kDefaultTitle = "Notification";
 // Logo boxes of the normal and the full-screen look, in logical pixels.
-constexpr int kLogoBox = 64;
+constexpr int kLogoBox = 48;
 constexpr int kLargeLogoBox = 256;
 
 // Opens the display (X11, else Wayland), calls displayOpened once it is open,

@@ -16,7 +16,7 @@ struct Rect {
 };
 
 constexpr int kWindowWidth = 420;
-constexpr int kWindowHeight = 180;
+constexpr int kWindowHeight = 192; // with a window manager's frame
 constexpr int kScreenMargin = 16;
 constexpr int kWindowGap = 8;
 constexpr int kCascadeStep = 24;
