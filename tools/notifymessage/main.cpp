@@ -94,7 +94,7 @@ bool ChooseUser(const NotificationRequest& request, DesktopUser& user, std::stri
         // Native Wayland: the owner of the session's runtime directory.
         found = PathOwner(getenv("XDG_RUNTIME_DIR"), true, owner, error) &&
                 UserById(owner, user, error);
-    } else {
+    } else if (authority == nullptr || *authority == '\0') {
         error = "XAUTHORITY is not set, so the desktop user is unknown";
     }
     if (!found || !hasAuthority || owner != 0) {
