@@ -514,6 +514,8 @@ Outcome NotificationView::Run() {
 
 Outcome ShowNotification(const NotificationRequest& request, GdkPixbuf* logo,
                          const std::function<void()>& displayOpened, std::string& error) {
+    // The name screen readers and window managers list the program under.
+    g_set_prgname("notifymessage");
     // X11 first: only there can the window take its slot; Wayland otherwise.
     gdk_set_allowed_backends("x11,wayland");
     // One small window: software drawing, without loading a GL driver (under
