@@ -50,6 +50,25 @@ std::optional<long long> ParseInteger(const std::string& text) {
     return value;
 }
 
+std::string WithBreakOpportunities(const std::string& text) {
+    static const char kZeroWidthSpace[] = "\xe2\x80\x8b";
+    std::string result;
+    result.reserve(text.size() + text.size() / kMaxUnbrokenRun * 3);
+    size_t run = 0;
+    for (const char c : text) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        const bool startsCharacter = (byte & 0xC0) != 0x80;
+        if (byte <= ' ') {
+            run = 0;
+        } else if (startsCharacter && ++run > kMaxUnbrokenRun) {
+            result += kZeroWidthSpace;
+            run = 1;
+        }
+        result += c;
+    }
+    return result;
+}
+
 NotificationRequest ReadNotificationRequest(EnvironmentLookup lookup) {
     NotificationRequest request;
     request.caption = Entry(lookup, vel::kEntryCaption, kMaxCaptionBytes);

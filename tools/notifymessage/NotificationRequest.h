@@ -36,6 +36,14 @@ using EnvironmentLookup = const char* (*)(const char* name);
 
 NotificationRequest ReadNotificationRequest(EnvironmentLookup lookup);
 
+// Runs longer than this many characters without a space get a zero-width
+// space after every such stretch: Pango breaks long words character by
+// character, which for one 64 KiB word takes half a minute; addresses up to
+// this length stay whole when copied.
+constexpr size_t kMaxUnbrokenRun = 128;
+// The text (valid UTF-8) with those break opportunities.
+std::string WithBreakOpportunities(const std::string& text);
+
 // A whole decimal integer with optional sign and surrounding blanks, in range.
 std::optional<long long> ParseInteger(const std::string& text);
 

@@ -30,10 +30,11 @@ constexpr const char* kStyle = ".nd-heading { font-weight: bold; font-size: 13pt
                                ".nd-large .nd-message { font-size: 20pt; }"
                                ".nd-large button { font-size: 18pt; padding: 12px 40px; }";
 
-// GTK wants valid UTF-8: anything else is shown with replacement characters.
+// GTK wants valid UTF-8: anything else is shown with replacement characters;
+// long runs get places to break (see WithBreakOpportunities).
 std::string Valid(const std::string& text) {
     char* valid = g_utf8_make_valid(text.data(), gssize(text.size()));
-    std::string result(valid);
+    std::string result = WithBreakOpportunities(valid);
     g_free(valid);
     return result;
 }
@@ -78,6 +79,7 @@ private:
     GtkWidget* m_window = nullptr;
     GtkWidget* m_box = nullptr;
     GtkWidget* m_heading = nullptr;
+    GtkWidget* m_headingScroller = nullptr;
     GtkWidget* m_picture = nullptr;
     GtkWidget* m_scroller = nullptr;
     GtkWidget* m_text = nullptr;
@@ -87,6 +89,7 @@ private:
     Rect m_slot;
     guint m_closeTimer = 0;
     guint m_shrinkTimer = 0;
+    guint m_settleTimer = 0;
     // A window manager's frame around the window (X11), in logical pixels:
     // the slot holds the frame and the window together.
     int m_frameWidth = 0;
@@ -95,10 +98,13 @@ private:
 };
 
 NotificationView::~NotificationView() {
-    for (guint timer : {m_closeTimer, m_shrinkTimer}) {
+    for (guint timer : {m_closeTimer, m_shrinkTimer, m_settleTimer}) {
         if (timer != 0) {
             g_source_remove(timer);
         }
+    }
+    if (GdkDisplay* display = gdk_display_get_default()) {
+        g_signal_handlers_disconnect_by_data(display, this);
     }
     if (m_window != nullptr) {
         gtk_window_destroy(GTK_WINDOW(m_window));
@@ -157,8 +163,17 @@ void NotificationView::Build() {
     gtk_label_set_wrap(GTK_LABEL(m_heading), TRUE);
     gtk_label_set_wrap_mode(GTK_LABEL(m_heading), PANGO_WRAP_WORD_CHAR);
     gtk_label_set_xalign(GTK_LABEL(m_heading), 0);
-    gtk_widget_set_visible(m_heading, !caption.empty());
-    gtk_box_append(GTK_BOX(m_box), m_heading);
+    // A caption of any length leaves the message and the button in view: past
+    // a few lines it scrolls on its own.
+    m_headingScroller = gtk_scrolled_window_new();
+    gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(m_headingScroller), GTK_POLICY_NEVER,
+                                   GTK_POLICY_AUTOMATIC);
+    gtk_scrolled_window_set_propagate_natural_height(GTK_SCROLLED_WINDOW(m_headingScroller), TRUE);
+    gtk_scrolled_window_set_max_content_height(GTK_SCROLLED_WINDOW(m_headingScroller),
+                                               std::max(kMinScrollHeight, m_monitor.height / 6));
+    gtk_scrolled_window_set_child(GTK_SCROLLED_WINDOW(m_headingScroller), m_heading);
+    gtk_widget_set_visible(m_headingScroller, !caption.empty());
+    gtk_box_append(GTK_BOX(m_box), m_headingScroller);
 
     GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, kSpacing);
     gtk_widget_set_vexpand(row, TRUE);
@@ -238,9 +253,9 @@ int NotificationView::SizeForWidth(int width) {
     const int inner = std::max(1, width - 2 * padding);
     int chrome = 2 * padding + kSpacing;
     int minimum = 0, natural = 0;
-    if (gtk_widget_get_visible(m_heading)) {
-        gtk_widget_measure(m_heading, GTK_ORIENTATION_VERTICAL, inner, &minimum, &natural, nullptr,
-                           nullptr);
+    if (gtk_widget_get_visible(m_headingScroller)) {
+        gtk_widget_measure(m_headingScroller, GTK_ORIENTATION_VERTICAL, inner, &minimum, &natural,
+                           nullptr, nullptr);
         chrome += natural + kSpacing;
     }
     gtk_widget_measure(m_button, GTK_ORIENTATION_VERTICAL, -1, &minimum, &natural, nullptr,
@@ -444,12 +459,11 @@ gboolean NotificationView::OnShrink(gpointer self) {
 }
 
 gboolean NotificationView::OnSettled(gpointer self) {
-#ifdef GDK_WINDOWING_X11
     auto* view = static_cast<NotificationView*>(self);
+    view->m_settleTimer = 0;
+#ifdef GDK_WINDOWING_X11
     view->ReadFrameExtents();
     view->PlaceOnX11(true);
-#else
-    (void)self;
 #endif
     return G_SOURCE_REMOVE;
 }
@@ -461,7 +475,9 @@ void NotificationView::Shrink() {
     if (OnX11()) {
         // Once a window manager has put its frame back (or at once without one).
         PlaceOnX11(true);
-        g_timeout_add(kSettleMs, OnSettled, this);
+        if (m_settleTimer == 0) {
+            m_settleTimer = g_timeout_add(kSettleMs, OnSettled, this);
+        }
         return;
     }
 #endif

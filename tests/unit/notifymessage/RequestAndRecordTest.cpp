@@ -64,6 +64,27 @@ TEST(NotificationRequest, EntriesAreReadBoundedOrFallBackSafely) {
     }
 }
 
+// Pango needs places to break a long word; addresses of ordinary length stay whole.
+TEST(NotificationRequest, LongRunsGetBreakOpportunities) {
+    const std::string zwsp = "\xe2\x80\x8b";
+    const std::string url = "https://example.org/" + std::string(kMaxUnbrokenRun - 20, 'u');
+    const std::string a(kMaxUnbrokenRun, 'a');
+    const std::string e(kMaxUnbrokenRun, 'e');
+    std::string accents;
+    for (size_t i = 0; i < kMaxUnbrokenRun; ++i) {
+        accents += "\xc3\xa9"; // two bytes, one character
+    }
+    const std::pair<std::string, std::string> cases[] = {
+        {url + " " + url, url + " " + url},
+        {a + e + "x", a + zwsp + e + zwsp + "x"},
+        {accents + "\xc3\xa9", accents + zwsp + "\xc3\xa9"},
+        {a + "\n" + a, a + "\n" + a},
+    };
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(WithBreakOpportunities(text), expected) << text.size();
+    }
+}
+
 TEST(Acknowledgement, RecordIsByteExactAndAtLeastSixteenBytes) {
     const struct {
         int32_t id;
