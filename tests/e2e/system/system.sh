@@ -165,8 +165,8 @@ case_stop_restart() {
     expect "no restart so far" [ "$(show NRestarts)" = 0 ]
     inside kill -KILL "$third"
     # RestartSec is 30 s.
-    await 60 "restarted after SIGKILL" \
-        "[ \$(systemctl show -P NRestarts notifydaemon.service) = 1 ] && systemctl -q is-active notifydaemon.service"
+    await 60 "restart after SIGKILL" "[ \$(systemctl show -P NRestarts notifydaemon.service) = 1 ]"
+    tb wait-unit "$state" notifydaemon.service active 10 || fail "not active after SIGKILL"
     # Active again means the new daemon got past the stale pid file.
     expect "a new daemon after SIGKILL" [ "$(show MainPID)" != "$third" ]
 }
