@@ -247,6 +247,8 @@ make_package() {
     for needed in procps wget; do
         expect "Depends names $needed: $depends" grep -qw "$needed" <<<"$depends"
     done
+    expect "the admin's config.dat is never shipped" \
+        sh -c "! dpkg-deb -c '$deb' | grep -q ' ./usr/sxa/daemon/config.dat\$'"
     local tree=$ND_WORK/deb/next/tree
     dpkg-deb -R "$deb" "$tree"
     sed -i "s/^Version: .*/Version: $next_version/" "$tree/DEBIAN/control"
