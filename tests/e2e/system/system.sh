@@ -166,8 +166,8 @@ case_stop_restart() {
     expect "no restart so far" [ "$(show NRestarts)" = 0 ]
     inside kill -KILL "$third"
     # RestartSec is 30 s.
-    await 60 "restarted after SIGKILL" \
-        "[ \$(systemctl show -P NRestarts notifydaemon.service) = 1 ] && systemctl -q is-active notifydaemon.service"
+    await 60 "restart after SIGKILL" "[ \$(systemctl show -P NRestarts notifydaemon.service) = 1 ]"
+    tb wait-unit "$state" notifydaemon.service active 10 || fail "not active after SIGKILL"
     # Active again means the new daemon got past the stale pid file.
     expect "a new daemon after SIGKILL" [ "$(show MainPID)" != "$third" ]
 }
@@ -248,6 +248,8 @@ make_package() {
     for needed in procps wget; do
         expect "Depends names $needed: $depends" grep -qw "$needed" <<<"$depends"
     done
+    expect "the admin's config.dat is never shipped" \
+        sh -c "! dpkg-deb -c '$deb' | grep -q ' ./usr/sxa/daemon/config.dat\$'"
     local tree=$ND_WORK/deb/next/tree
     dpkg-deb -R "$deb" "$tree"
     sed -i "s/^Version: .*/Version: $next_version/" "$tree/DEBIAN/control"
