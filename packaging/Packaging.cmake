@@ -142,7 +142,10 @@ acknowledgement goes back to the gateway.")
 set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_DEPENDS "procps, wget")
-set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_RECOMMENDS "fonts-dejavu-core, logrotate")
+# Not found by the library scan: the SVG logo loader and the fonts that draw
+# every script (Arabic, Hebrew, Devanagari, CJK, emoji).
+set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_RECOMMENDS "logrotate, librsvg2-common, fonts-dejavu-core, \
+fonts-noto-core, fonts-noto-cjk, fonts-noto-color-emoji")
 set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_CONTROL_EXTRA
     ${nd_packaging_dir}/postinst ${nd_packaging_dir}/prerm ${nd_packaging_dir}/postrm)
 if(NOTIFY_LOGROTATE_DIR)
