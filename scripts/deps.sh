@@ -8,6 +8,11 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     iproute2 procps util-linux wget valgrind
     libx11-dev libxft-dev fonts-dejavu-core xvfb xdotool
+    # Display tests on real servers (tests/support/desktop): GNOME's compositor
+    # with Xwayland, sway with grim, a session bus, the accessibility bus and
+    # the Python modules of the harness and its screen-reader client.
+    mutter xwayland sway grim dbus at-spi2-core libgdk-pixbuf-2.0-dev
+    python3-gi gir1.2-atspi-2.0 python3-pyatspi python3-xlib
 )
 
 missing=()
