@@ -6,6 +6,9 @@
 # Installs what is missing (the build packages of scripts/deps.sh, and zlib and
 # OpenSSL for the reference implementations the micro-benchmarks compare with),
 # builds into build/bench, then runs, each phase bounded by a time-out:
+#   0. the display program alone: start to window mapped and memory under
+#      Xvfb, 20 runs, in turns with the Xlib program it replaced (built from
+#      the history, commit 7fb3281, into build/bench/old-notifymessage);
 #   1. the end-to-end latency phase alone: the shipped daemon with its real
 #      timing against the development gateway inside tests/support/sandbox,
 #      200 notifications one at a time, a burst of 100, the steps one by one;
@@ -17,7 +20,8 @@
 # and the summary is printed. Every process started here ends with its
 # sandbox or is waited for; nothing is left running. About five minutes on
 # two shared cores, plus the first build.
-# ND_BUILD_JOBS limits the parallel build (default 2).
+# ND_BUILD_JOBS limits the parallel build (default 2). "bash scripts/bench.sh
+# display" runs phase 0 only.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -42,7 +46,20 @@ build="$root/build/bench"
 echo "== Building into $build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNOTIFY_BENCH=ON \
     -DBUILD_TESTING=ON >/dev/null
-cmake --build "$build" -j "${ND_BUILD_JOBS:-2}" --target bench_micro bench_daemon >/dev/null
+targets=(bench_display_start notifymessage)
+[ "${1:-}" = display ] || targets+=(bench_micro bench_daemon)
+cmake --build "$build" -j "${ND_BUILD_JOBS:-2}" --target "${targets[@]}" >/dev/null
+
+# The Xlib display program that the GTK one replaced, from the history, to be
+# measured in the same run; nothing of it is kept in the tree.
+old_commit=7fb3281
+old="$build/old-notifymessage"
+if [ ! -x "$old/notifymessage" ] && git -C "$root" cat-file -e "$old_commit" 2>/dev/null; then
+    rm -rf "$old" && mkdir -p "$old"
+    git -C "$root" archive "$old_commit" tools/notifymessage | tar -x -C "$old"
+    g++ -O2 -std=c++17 -o "$old/notifymessage" "$old"/tools/notifymessage/*.cpp \
+        $(pkg-config --cflags --libs x11 xft fontconfig) || echo "bench: old program not built" >&2
+fi
 
 out="$build/results/$(date +%Y%m%d-%H%M%S)"
 mkdir -p "$out"
@@ -78,6 +95,15 @@ phase() {
 show() { grep -v '^RESULT' "$out/$1.txt" || true; }
 
 machine | tee "$out/machine-start.txt"
+
+echo "== 0/3 Display program: start to window mapped, memory (about a minute)"
+phase display timeout 300 "$sandbox" --hostname bench-display -- \
+    "$build/bench/bench_display_start" 20 "gtk=$build/tools/notifymessage/notifymessage" \
+    "xlib=$old/notifymessage"
+show display
+if [ "${1:-}" = display ]; then
+    exit "$status"
+fi
 
 echo "== 1/3 Latency, burst and steps (about a minute)"
 phase latency timeout 300 "$sandbox" --hostname bench-desk -- "$harness" latency 200 100
@@ -116,7 +142,7 @@ fi
 machine | tee "$out/machine-end.txt"
 {
     cat "$out/machine-start.txt"
-    cat "$out/latency.txt" "$out/startup.txt" "$out/idle.txt" "$out/unreachable.txt" |
+    cat "$out/display.txt" "$out/latency.txt" "$out/startup.txt" "$out/idle.txt" "$out/unreachable.txt" |
         sed -n 's/^RESULT //p'
     cat "$out/micro-summary.txt" "$out/machine-end.txt"
 } >"$out/summary.txt"

@@ -7,7 +7,14 @@ packages=(
     build-essential cmake g++ clang clang-format
     libgtest-dev libgmock-dev libbenchmark-dev
     iproute2 procps util-linux wget valgrind
-    libx11-dev libxft-dev fonts-dejavu-core xvfb xdotool
+    libx11-dev xvfb xdotool xauth x11-utils imagemagick
+    # The display program: GTK 4 (Pango, gdk-pixbuf), libXau for handing a
+    # display manager's cookie to the user, the SVG loader, fonts for every
+    # script (Arabic, Hebrew, Devanagari, CJK, emoji).
+    libgtk-4-dev libxau-dev librsvg2-common
+    fonts-dejavu-core fonts-noto-core fonts-noto-cjk fonts-noto-color-emoji
+    # Only the benchmark's build of the Xlib display program it replaced.
+    libxft-dev
     # Display tests on real servers (tests/support/desktop): GNOME's compositor
     # with Xwayland, sway with grim, a session bus, the accessibility bus and
     # the Python modules of the harness and its screen-reader client.

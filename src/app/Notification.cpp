@@ -154,16 +154,19 @@ void MessageCallback(const CTL_CALLBACK* cb) {
         current_window_num = (current_window_num + 1) % kWindowOrderCount;
     }
 
+    auto entry = [](const char* name, const std::string& value) {
+        return std::string(name) + "=" + value;
+    };
     std::vector<std::string> entries = {
-        "MESSAGE=" + message,
-        "CAPTION=" + caption,
-        "TIMEOUT=" + timeout,
-        "FLAGS=" + flags,
-        "MESSAGE_ID=" + idText,
-        "WINDOW_ORDER=" + std::to_string(windowOrder),
-        std::string("FULLSCREEN=") + (fullscreen != 0 ? "1" : "0"),
-        "FULLSCREEN_TIMEOUT=" + fullscreentimeout,
-        "LARGE_LOGO_PATH=" + largelogopath,
+        entry(vel::kEntryMessage, message),
+        entry(vel::kEntryCaption, caption),
+        entry(vel::kEntryTimeout, timeout),
+        entry(vel::kEntryFlags, flags),
+        entry(vel::kEntryMessageId, idText),
+        entry(vel::kEntryWindowOrder, std::to_string(windowOrder)),
+        entry(vel::kEntryFullscreen, fullscreen != 0 ? "1" : "0"),
+        entry(vel::kEntryFullscreenTimeout, fullscreentimeout),
+        entry(vel::kEntryLargeLogoPath, largelogopath),
     };
     std::vector<char*> environment;
     for (std::string& entry : entries) {

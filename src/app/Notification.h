@@ -7,11 +7,12 @@
 #include <mutex>
 #include <string>
 
+#include "host/DisplayProgramInterface.h"
 #include "transport/ICTL.h"
 
 constexpr unsigned char kNotificationPacketType = 12;
 constexpr int kNotificationTextOffset = 18;
-constexpr int kWindowOrderCount = 10;
+constexpr int kWindowOrderCount = vel::kWindowSlotCount;
 constexpr const char* kDisplayProgram = "notifymessage";
 constexpr const char* kDisplaySubdirectory = "gui/message";
 

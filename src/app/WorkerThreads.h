@@ -6,19 +6,14 @@
 
 #include <stddef.h>
 
-constexpr int kAcknowledgementBufferSize = 4096;
-constexpr int kMinAcknowledgementSize = 16;
-constexpr int kUserNameOffset = 12;
+#include "host/DisplayProgramInterface.h"
+
+using vel::kAcknowledgementBufferSize;
+using vel::kMinAcknowledgementSize;
+using vel::kUserNameOffset;
+using vel::NotificationAcknowledgement;
 constexpr const char* kCustomisationLink = "notify-customization.lnk";
 constexpr unsigned kFileInfoRequestSize = 8; // the request record's size as the protocol states it
-
-// What a display program writes back, one record per write, in host order;
-// the user name follows at offset 12, NUL-terminated.
-struct NotificationAcknowledgement {
-    int message_id;
-    int user_flags; // 0: not acknowledged
-    unsigned user_name_length;
-};
 
 void SpawnAcknowledgeThread();
 void SpawnTimerThread();

@@ -5,11 +5,12 @@
 
 #include <string>
 
+#include "host/DisplayProgramInterface.h"
+
 namespace vel {
 
 constexpr int kMessageServerSocket = 50;
 constexpr int kMessageClientSocket = 51;
-constexpr int kAcknowledgeDaemonPort = 60;
 constexpr int kAcknowledgeClientPort = 61;
 
 // ReadLengthPrefixed's result when the peer has closed its end.

@@ -12,10 +12,8 @@ std::string BuildAcknowledgement(int32_t messageId, int32_t userFlags,
                                  const std::string& userName) {
     const std::string name = userName.substr(0, std::min(userName.find('\0'), kMaxUserNameBytes));
     const uint32_t length = uint32_t(name.size());
-    std::string record(12, '\0');
-    memcpy(&record[0], &messageId, 4);
-    memcpy(&record[4], &userFlags, 4);
-    memcpy(&record[8], &length, 4);
+    const vel::NotificationAcknowledgement head = {messageId, userFlags, length};
+    std::string record(reinterpret_cast<const char*>(&head), sizeof head);
     record += name;
     record += '\0';
     if (record.size() < kMinRecordBytes) {

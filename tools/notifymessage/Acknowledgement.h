@@ -6,16 +6,16 @@
 #include <cstdint>
 #include <string>
 
+#include "NotificationRequest.h"
+#include "host/DisplayProgramInterface.h"
+
 namespace notifymsg {
 
-// The daemon's end of the acknowledgement channel, inherited by this program.
-constexpr int kAcknowledgeDaemonPort = 60;
+using vel::kAcknowledgeDaemonPort;
 // The flags of every acknowledgement: the user pressed "Acknowledge". The
 // daemon ignores a record with flags 0, so this must never be 0.
 constexpr int32_t kAcknowledgedFlags = 1;
-constexpr size_t kMinRecordBytes = 16;
-constexpr size_t kMaxRecordBytes = 4096; // the daemon reads at most this much at once
-constexpr size_t kMaxUserNameBytes = 255;
+constexpr size_t kMinRecordBytes = vel::kMinAcknowledgementSize;
 
 std::string BuildAcknowledgement(int32_t messageId, int32_t userFlags, const std::string& userName);
 

@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include <cerrno>
 #include <climits>
@@ -16,6 +17,8 @@ namespace {
 
 // Descriptors above this are not looked at when close_range is missing.
 constexpr int kMaxDescriptorScan = 65536;
+// Login records read at most (the file is another program's).
+constexpr int kMaxLoginRecords = 4096;
 
 bool Account(uid_t uid, DesktopUser& user, std::string& error) {
     errno = 0;
@@ -58,27 +61,68 @@ void CloseInheritedDescriptors(int keep) {
     CloseRange(unsigned(keep < 3 ? 3 : keep + 1), UINT_MAX);
 }
 
-bool FindDesktopUser(const char* xauthority, DesktopUser& user, std::string& error) {
-    if (xauthority == nullptr || *xauthority == '\0') {
-        error = "XAUTHORITY is not set, so the desktop user is unknown";
-        return false;
-    }
-    // Not followed through a link: whoever owns the link's directory must not
-    // be able to choose whom this program becomes.
+bool PathOwner(const char* path, bool directory, uid_t& owner, std::string& error) {
     struct stat info;
-    if (lstat(xauthority, &info) != 0) {
-        error = std::string("cannot examine the X authority file: ") + strerror(errno);
+    if (path == nullptr || *path == '\0' || lstat(path, &info) != 0) {
+        error = std::string("cannot examine ") + (path != nullptr ? path : "(unset)");
         return false;
     }
-    if (!S_ISREG(info.st_mode)) {
-        error = "the X authority file is not a regular file (links are not followed)";
+    if (directory ? !S_ISDIR(info.st_mode) : !S_ISREG(info.st_mode)) {
+        error = std::string(path) + (directory ? " is not a directory" : " is not a regular file") +
+                " (links are not followed)";
         return false;
     }
-    if (info.st_uid == 0) {
-        error = "the X authority file belongs to root, not to a desktop user";
+    owner = info.st_uid;
+    return true;
+}
+
+bool UserById(uid_t uid, DesktopUser& user, std::string& error) {
+    if (uid == 0) {
+        error = "the desktop user would be root";
         return false;
     }
-    return Account(info.st_uid, user, error);
+    return Account(uid, user, error);
+}
+
+bool UserByName(const std::string& name, DesktopUser& user, std::string& error) {
+    const passwd* entry = name.empty() ? nullptr : getpwnam(name.c_str());
+    if (entry == nullptr) {
+        error = "no account named " + name;
+        return false;
+    }
+    return UserById(entry->pw_uid, user, error);
+}
+
+bool UserOfDisplay(const std::string& display, const char* utmpPath, DesktopUser& user,
+                   std::string& error) {
+    const std::string screenless = display.substr(0, display.find('.', display.rfind(':')));
+    std::string name;
+    if (utmpname(utmpPath) != 0) {
+        error = "cannot use the login records";
+        return false;
+    }
+    setutent();
+    for (int count = 0; count < kMaxLoginRecords; ++count) {
+        const utmp* entry = getutent();
+        if (entry == nullptr) {
+            break;
+        }
+        if (entry->ut_type != USER_PROCESS) {
+            continue;
+        }
+        const std::string line(entry->ut_line, strnlen(entry->ut_line, sizeof entry->ut_line));
+        const std::string host(entry->ut_host, strnlen(entry->ut_host, sizeof entry->ut_host));
+        if (line == screenless || line == display || host == screenless || host == display) {
+            name.assign(entry->ut_user, strnlen(entry->ut_user, sizeof entry->ut_user));
+        }
+    }
+    endutent();
+    utmpname(_PATH_UTMP);
+    if (name.empty()) {
+        error = "nobody is logged in on display " + display;
+        return false;
+    }
+    return UserByName(name, user, error);
 }
 
 bool CurrentUser(DesktopUser& user, std::string& error) {
@@ -108,6 +152,17 @@ bool BecomeUser(const DesktopUser& user, std::string& error) {
     setenv("HOME", user.home.c_str(), 1);
     setenv("USER", user.name.c_str(), 1);
     setenv("LOGNAME", user.name.c_str(), 1);
+    uid_t owner = 0;
+    std::string ignored;
+    const char* given = getenv("XDG_RUNTIME_DIR");
+    if (given == nullptr || !PathOwner(given, true, owner, ignored) || owner != user.uid) {
+        const std::string own = "/run/user/" + std::to_string(user.uid);
+        if (PathOwner(own.c_str(), true, owner, ignored) && owner == user.uid) {
+            setenv("XDG_RUNTIME_DIR", own.c_str(), 1);
+        } else {
+            unsetenv("XDG_RUNTIME_DIR");
+        }
+    }
     return true;
 }
 

@@ -1,7 +1,6 @@
 // Leaving root before anything from the network is drawn: the daemon starts
-// this program as root, and the desktop user (the owner of the X authority
-// file it was given) is who it becomes, for good. Single-threaded, called
-// before the display is opened.
+// this program as root, and the desktop user is who it becomes, for good.
+// Single-threaded, called before GTK is touched.
 #pragma once
 
 #include <sys/types.h>
@@ -24,15 +23,25 @@ bool RunningWithRoot();
 // other sockets must not reach a process that the desktop user owns).
 void CloseInheritedDescriptors(int keep);
 
-// The owner of the X authority file. Refused: no path, not a regular file (a
-// symbolic link included), owned by root, or an owner without an account.
-bool FindDesktopUser(const char* xauthority, DesktopUser& user, std::string& error);
+// The owner of a regular file or directory (never followed through a link).
+bool PathOwner(const char* path, bool directory, uid_t& owner, std::string& error);
+
+// The account with this id or name; root's is refused.
+bool UserById(uid_t uid, DesktopUser& user, std::string& error);
+bool UserByName(const std::string& name, DesktopUser& user, std::string& error);
+
+// The user logged in on this X display by the login records at `utmpPath`: the
+// last user process whose line or host names the display (":0", ":0.0").
+bool UserOfDisplay(const std::string& display, const char* utmpPath, DesktopUser& user,
+                   std::string& error);
 
 // The account this process already runs as (started without root).
 bool CurrentUser(DesktopUser& user, std::string& error);
 
 // Takes the user's groups, group and user id (real, effective and saved), then
-// checks that root cannot be regained; sets HOME, USER and LOGNAME.
+// checks that root cannot be regained; sets HOME, USER and LOGNAME, and
+// XDG_RUNTIME_DIR to the user's own runtime directory (unset when there is
+// none, so that nothing of root's is used).
 bool BecomeUser(const DesktopUser& user, std::string& error);
 
 } // namespace notifymsg

@@ -4,6 +4,8 @@
 #include <climits>
 #include <cstdlib>
 
+#include "host/DisplayProgramInterface.h"
+
 namespace notifymsg {
 
 namespace {
@@ -48,28 +50,52 @@ std::optional<long long> ParseInteger(const std::string& text) {
     return value;
 }
 
+std::string WithBreakOpportunities(const std::string& text) {
+    static const char kZeroWidthSpace[] = "\xe2\x80\x8b";
+    std::string result;
+    result.reserve(text.size() + text.size() / kMaxUnbrokenRun * 3);
+    size_t run = 0;
+    for (const char c : text) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        const bool startsCharacter = (byte & 0xC0) != 0x80;
+        if (byte <= ' ') {
+            run = 0;
+        } else if (startsCharacter && ++run > kMaxUnbrokenRun) {
+            result += kZeroWidthSpace;
+            run = 1;
+        }
+        result += c;
+    }
+    return result;
+}
+
 NotificationRequest ReadNotificationRequest(EnvironmentLookup lookup) {
     NotificationRequest request;
-    request.caption = Entry(lookup, "CAPTION", kMaxCaptionBytes);
-    request.message = Entry(lookup, "MESSAGE", kMaxMessageBytes);
+    request.caption = Entry(lookup, vel::kEntryCaption, kMaxCaptionBytes);
+    request.message = Entry(lookup, vel::kEntryMessage, kMaxMessageBytes);
 
-    const std::optional<long long> id = ParseInteger(Entry(lookup, "MESSAGE_ID", 64));
+    const std::optional<long long> id = ParseInteger(Entry(lookup, vel::kEntryMessageId, 64));
     if (id && *id >= INT_MIN && *id <= INT_MAX) {
         request.messageId = int(*id);
     }
-    request.timeoutSeconds = Seconds(Entry(lookup, "TIMEOUT", 64));
+    request.timeoutSeconds = Seconds(Entry(lookup, vel::kEntryTimeout, 64));
 
-    const std::optional<long long> order = ParseInteger(Entry(lookup, "WINDOW_ORDER", 64));
+    const std::optional<long long> order = ParseInteger(Entry(lookup, vel::kEntryWindowOrder, 64));
     if (order && *order >= 0) {
         request.windowOrder = int(*order % kWindowSlots);
     }
-    const std::optional<long long> fullscreen = ParseInteger(Entry(lookup, "FULLSCREEN", 64));
+    const std::optional<long long> fullscreen =
+        ParseInteger(Entry(lookup, vel::kEntryFullscreen, 64));
     request.fullscreen = fullscreen && *fullscreen != 0;
-    request.fullscreenSeconds = Seconds(Entry(lookup, "FULLSCREEN_TIMEOUT", 64));
+    request.fullscreenSeconds = Seconds(Entry(lookup, vel::kEntryFullscreenTimeout, 64));
 
-    const char* logo = lookup("LARGE_LOGO_PATH");
+    const char* logo = lookup(vel::kEntryLargeLogoPath);
     if (logo != nullptr && std::string(logo).size() <= kMaxPathBytes) {
         request.logoPath = logo;
+    }
+    const char* user = lookup(vel::kEntryDesktopUser);
+    if (user != nullptr && std::string(user).size() <= kMaxUserNameBytes) {
+        request.desktopUser = user;
     }
     return request;
 }

@@ -1,29 +1,35 @@
-// The notification on the X display: caption, message, optional logo and an
-// "Acknowledge" button, placed by its window slot, optionally full-screen for
-// a while, closing by itself after its time-out. Runs on the main thread only
-// and must be called after the program has left root.
+// The notification on the desktop through GTK 4: caption as title and
+// heading, the message (wrapped, selectable, scrolling past two thirds of the
+// monitor's height), an optional logo and a real "Acknowledge" button. X11
+// first (slot placement, kept above, urgency, no focus taken on map), native
+// Wayland when no X display opens. Main thread only, after leaving root.
 #pragma once
 
-#include "LogoImage.h"
-#include "NotificationRequest.h"
+#include <gdk-pixbuf/gdk-pixbuf.h>
 
+#include <functional>
 #include <string>
+
+#include "NotificationRequest.h"
 
 namespace notifymsg {
 
 enum class Outcome {
     Acknowledged, // the user pressed the button
     TimedOut,     // TIMEOUT passed first
-    Closed,       // the window manager closed the window
-    Failed,       // no display or no font; error says why
+    Closed,       // the window was closed
+    Failed,       // no display could be opened; error says why
 };
 
-constexpr const char* kWindowClass = "notifymessage";
 constexpr const char* kButtonLabel = "Acknowledge";
+constexpr const char* kDefaultTitle = "Notification";
+// Logo boxes of the normal and the full-screen look, in logical pixels.
+constexpr int kLogoBox = 48;
+constexpr int kLargeLogoBox = 256;
 
-// Opens the display named by DISPLAY, shows the window until one of the
-// outcomes, then closes the display. An empty logo shows none.
-Outcome ShowNotification(const NotificationRequest& request, const RgbImage& logo,
-                         std::string& error);
+// Opens the display (X11, else Wayland), calls displayOpened once it is open,
+// and shows the window until one of the outcomes. logo may be null.
+Outcome ShowNotification(const NotificationRequest& request, GdkPixbuf* logo,
+                         const std::function<void()>& displayOpened, std::string& error);
 
 } // namespace notifymsg

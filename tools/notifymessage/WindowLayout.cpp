@@ -4,18 +4,6 @@
 
 namespace notifymsg {
 
-namespace {
-
-int Padding(int windowWidth, bool large) {
-    return large ? std::max(24, windowWidth / 10) : 14;
-}
-
-int Gap(bool large) {
-    return large ? 24 : 10;
-}
-
-} // namespace
-
 Rect NormalWindowRect(int screenWidth, int screenHeight, int windowOrder) {
     Rect window;
     window.width = std::max(1, std::min(kWindowWidth, screenWidth - 2 * kScreenMargin));
@@ -36,38 +24,19 @@ Rect NormalWindowRect(int screenWidth, int screenHeight, int windowOrder) {
     return window;
 }
 
-int LogoBoxSide(int windowHeight, bool large) {
-    return large ? std::min(256, windowHeight / 3) : 64;
+int MaxWindowHeight(int screenHeight, int top) {
+    const int twoThirds = screenHeight * 2 / 3;
+    return std::max(1, std::min(twoThirds, screenHeight - kScreenMargin - top));
 }
 
 Rect ButtonRect(int windowWidth, int windowHeight, bool large) {
     Rect button;
-    const int padding = Padding(windowWidth, large);
+    const int padding = large ? std::max(24, windowWidth / 10) : 14;
     button.width = std::min(large ? 240 : 140, std::max(1, windowWidth - 2 * padding));
     button.height = large ? 56 : 32;
     button.x = (windowWidth - button.width) / 2;
     button.y = std::max(0, windowHeight - padding - button.height);
     return button;
-}
-
-ContentLayout LayoutContent(int windowWidth, int windowHeight, bool large, int captionHeight,
-                            int logoWidth, int logoHeight) {
-    ContentLayout layout;
-    const int padding = Padding(windowWidth, large);
-    const int gap = Gap(large);
-    const int inner = std::max(0, windowWidth - 2 * padding);
-    layout.caption = {padding, padding, inner, captionHeight};
-    layout.button = ButtonRect(windowWidth, windowHeight, large);
-
-    const int top = padding + captionHeight + gap;
-    const int height = std::max(0, layout.button.y - gap - top);
-    int textX = padding;
-    if (logoWidth > 0 && logoHeight > 0) {
-        layout.logo = {padding, top, logoWidth, std::min(logoHeight, height)};
-        textX += logoWidth + gap;
-    }
-    layout.text = {textX, top, std::max(0, windowWidth - padding - textX), height};
-    return layout;
 }
 
 } // namespace notifymsg

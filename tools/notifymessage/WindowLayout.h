@@ -1,8 +1,9 @@
-// Where the window goes on the screen and where its parts go inside it. Normal
-// windows have one fixed size so that the slots given by WINDOW_ORDER tile the
-// screen without overlapping: from the top-right corner downwards, then the
-// next column to the left; only a screen too small for every slot makes later
-// slots cascade over earlier ones. Pure functions; single-threaded.
+// Where a normal window goes: the slots given by WINDOW_ORDER tile the
+// monitor from the top-right corner downwards, then the next column to the
+// left, so that stacked notifications do not cover each other; only a monitor
+// too small for every slot makes later slots cascade over earlier ones. A
+// window whose text needs more room than its slot grows downwards, up to two
+// thirds of the monitor's height, and scrolls beyond. Pure functions.
 #pragma once
 
 namespace notifymsg {
@@ -12,32 +13,24 @@ struct Rect {
     int y = 0;
     int width = 0;
     int height = 0;
-    bool Contains(int px, int py) const {
-        return px >= x && py >= y && px < x + width && py < y + height;
-    }
 };
 
 constexpr int kWindowWidth = 420;
-constexpr int kWindowHeight = 180;
+constexpr int kWindowHeight = 192; // with a window manager's frame
 constexpr int kScreenMargin = 16;
 constexpr int kWindowGap = 8;
 constexpr int kCascadeStep = 24;
 
-// The normal window for a slot (0 .. 9) on a screen of this size.
+// The slot (0 .. 9) of a normal window on a monitor of this size, relative to
+// the monitor's top-left corner.
 Rect NormalWindowRect(int screenWidth, int screenHeight, int windowOrder);
 
-// Parts of the window's content. "large" is the full-screen look.
-struct ContentLayout {
-    Rect caption;
-    Rect logo; // empty when there is no logo
-    Rect text;
-    Rect button;
-};
+// The tallest a window may grow: about two thirds of the monitor, and never
+// past its bottom edge from this top.
+int MaxWindowHeight(int screenHeight, int top);
 
-// The logo box's side for this look and window height.
-int LogoBoxSide(int windowHeight, bool large);
+// Where the Xlib program drew its button; only the old display tests still
+// click there, until they find the button through the accessibility tree.
 Rect ButtonRect(int windowWidth, int windowHeight, bool large);
-ContentLayout LayoutContent(int windowWidth, int windowHeight, bool large, int captionHeight,
-                            int logoWidth, int logoHeight);
 
 } // namespace notifymsg

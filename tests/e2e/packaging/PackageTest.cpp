@@ -73,7 +73,7 @@ std::string Package::s_error;
 TEST_F(Package, HoldsTheInstallLayout) {
     EXPECT_EQ(Field("Package") + " " + Field("Version"), "notifydaemon " ND_VERSION);
     const std::string depends = Field("Depends");
-    for (const char* needed : {"procps", "wget", "libx11-6", "libxft2"}) {
+    for (const char* needed : {"procps", "wget", "libx11-6", "libgtk-4-1", "libxau6"}) {
         EXPECT_NE(depends.find(needed), std::string::npos) << depends;
     }
     const std::pair<const char*, mode_t> files[] = {

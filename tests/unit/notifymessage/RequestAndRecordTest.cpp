@@ -1,8 +1,6 @@
-// The display program's input, its acknowledgement record, wrapping and windows.
+// The display program's input, its acknowledgement record and its window slots.
 #include "Acknowledgement.h"
-#include "LogoImage.h"
 #include "NotificationRequest.h"
-#include "TextLayout.h"
 #include "WindowLayout.h"
 
 #include <gtest/gtest.h>
@@ -28,13 +26,13 @@ std::string Describe(const NotificationRequest& r) {
            (r.messageId ? std::to_string(*r.messageId) : "none") + "|" +
            std::to_string(r.timeoutSeconds) + "|" + std::to_string(r.windowOrder) + "|" +
            std::to_string(r.fullscreen) + "|" + std::to_string(r.fullscreenSeconds) + "|" +
-           text(r.logoPath);
+           text(r.logoPath) + "|" + r.desktopUser;
 }
 
 TEST(NotificationRequest, EntriesAreReadBoundedOrFallBackSafely) {
     const std::string longText(kMaxMessageBytes + 9, 'm');
     const std::pair<std::map<std::string, std::string>, std::string> cases[] = {
-        {{}, "||none|0|0|0|0|"},
+        {{}, "||none|0|0|0|0||"},
         {{{"MESSAGE", "hello"},
           {"CAPTION", "Notice"},
           {"MESSAGE_ID", " -12 "},
@@ -42,23 +40,48 @@ TEST(NotificationRequest, EntriesAreReadBoundedOrFallBackSafely) {
           {"WINDOW_ORDER", "13"},
           {"FULLSCREEN", "1"},
           {"FULLSCREEN_TIMEOUT", "99999999"},
-          {"LARGE_LOGO_PATH", "/usr/sxa/l.ppm"}},
-         "Notice|hello|-12|30|3|1|604800|/usr/sxa/l.ppm"},
-        {{{"MESSAGE", longText}, {"CAPTION", longText}, {"LARGE_LOGO_PATH", longText}},
-         "1024|65536|none|0|0|0|0|"},
+          {"LARGE_LOGO_PATH", "/usr/sxa/l.ppm"},
+          {"NOTIFY_DESKTOP_USER", "alice"}},
+         "Notice|hello|-12|30|3|1|604800|/usr/sxa/l.ppm|alice"},
+        {{{"MESSAGE", longText},
+          {"CAPTION", longText},
+          {"LARGE_LOGO_PATH", longText},
+          {"NOTIFY_DESKTOP_USER", longText}},
+         "1024|65536|none|0|0|0|0||"},
         {{{"MESSAGE_ID", "2147483648"},
           {"TIMEOUT", "-4"},
           {"WINDOW_ORDER", "-1"},
           {"FULLSCREEN", "yes"},
           {"FULLSCREEN_TIMEOUT", "0x10"}},
-         "||none|0|0|0|0|"},
+         "||none|0|0|0|0||"},
         {{{"MESSAGE_ID", "12abc"}, {"TIMEOUT", "\n5"}, {"FULLSCREEN_TIMEOUT", "- 5"}},
-         "||none|0|0|0|0|"},
-        {{{"MESSAGE_ID", ""}, {"TIMEOUT", "99999999999999999999"}}, "||none|0|0|0|0|"},
+         "||none|0|0|0|0||"},
+        {{{"MESSAGE_ID", ""}, {"TIMEOUT", "99999999999999999999"}}, "||none|0|0|0|0||"},
     };
     for (const auto& [entries, expected] : cases) {
         gEnvironment = entries;
         EXPECT_EQ(Describe(ReadNotificationRequest(FakeLookup)), expected);
+    }
+}
+
+// Pango needs places to break a long word; addresses of ordinary length stay whole.
+TEST(NotificationRequest, LongRunsGetBreakOpportunities) {
+    const std::string zwsp = "\xe2\x80\x8b";
+    const std::string url = "https://example.org/" + std::string(kMaxUnbrokenRun - 20, 'u');
+    const std::string a(kMaxUnbrokenRun, 'a');
+    const std::string e(kMaxUnbrokenRun, 'e');
+    std::string accents;
+    for (size_t i = 0; i < kMaxUnbrokenRun; ++i) {
+        accents += "\xc3\xa9"; // two bytes, one character
+    }
+    const std::pair<std::string, std::string> cases[] = {
+        {url + " " + url, url + " " + url},
+        {a + e + "x", a + zwsp + e + zwsp + "x"},
+        {accents + "\xc3\xa9", accents + zwsp + "\xc3\xa9"},
+        {a + "\n" + a, a + "\n" + a},
+    };
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(WithBreakOpportunities(text), expected) << text.size();
     }
 }
 
@@ -78,53 +101,6 @@ TEST(Acknowledgement, RecordIsByteExactAndAtLeastSixteenBytes) {
     const std::string record = BuildAcknowledgement(1, 1, std::string(1000, 'n'));
     EXPECT_EQ(record.size(), 12 + kMaxUserNameBytes + 1);
     EXPECT_EQ(record.substr(8, 4), std::string("\xff\0\0\0", 4));
-}
-
-// Huge texts must not stall the window: lines and measurements stay bounded.
-TEST(WrapText, StaysBoundedOnHugeInput) {
-    int calls = 0;
-    const MeasureText counting = [&](const std::u32string& s) {
-        ++calls;
-        return int(s.size()) * 10;
-    };
-    EXPECT_EQ(WrapText(U"one two three", 80, 5, counting),
-              (std::vector<std::u32string>{U"one two", U"three"}));
-    calls = 0;
-    const auto lines = WrapText(std::u32string(60000, U'x'), 400, 4, counting);
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines.back().back(), kEllipsis);
-    EXPECT_LT(calls, 100);
-    // Characters of no width never overflow; lines are still bounded.
-    const auto invisible =
-        WrapText(std::u32string(60000, U'\u200b'), 400, 3, [](const std::u32string&) { return 0; });
-    ASSERT_EQ(invisible.size(), 3u);
-    EXPECT_EQ(invisible[0].size(), kMaxLineCharacters);
-}
-
-TEST(Netpbm, RefusesWhatItCannotRead) {
-    auto ppm = [](const std::string& header, size_t samples) {
-        return header + std::string(samples, '\x80');
-    };
-    const std::string bad[] = {"",
-                               "P3 1 1 255 1 2 3",
-                               "\x89PNG\r\n",
-                               ppm("P6 2 2 255\n", 11),
-                               ppm("P6 0 1 255\n", 3),
-                               ppm("P6 5000 1 255\n", 15000),
-                               ppm("P6 1 1 0\n", 3),
-                               ppm("P6 1 1 65536\n", 6),
-                               "P6 1 1 255",
-                               ppm("P6 1 1 255x", 3),
-                               ppm("P6 1 999999 255\n", 3)};
-    for (const std::string& data : bad) {
-        RgbImage image;
-        std::string error;
-        EXPECT_FALSE(ParseNetpbm(data, image, error)) << data.substr(0, 16);
-    }
-    RgbImage image;
-    std::string error;
-    ASSERT_TRUE(ParseNetpbm("P6\n# comment\n2 1\n255\n\x01\x02\x03\x04\x05\x06", image, error));
-    EXPECT_EQ(image.rgb, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6}));
 }
 
 // Stacked notifications must not cover each other; slot 0 is at the top right.
