@@ -17,6 +17,11 @@ packages=(
     libxft-dev
     # The package's checks and the booted test bed.
     lintian man-db systemd mmdebstrap systemd-container
+    # Display tests on real servers (tests/support/desktop): GNOME's compositor
+    # with Xwayland, sway with grim, a session bus, the accessibility bus and
+    # the Python modules of the harness and its screen-reader client.
+    mutter xwayland sway grim dbus at-spi2-core libgdk-pixbuf-2.0-dev
+    python3-gi gir1.2-atspi-2.0 python3-pyatspi python3-xlib
 )
 
 missing=()
