@@ -156,13 +156,13 @@ int main(int argc, char** argv) {
     const int runs = std::max(1, atoi(argv[1]));
     std::vector<std::pair<std::string, std::string>> programs;
     for (int i = 2; i < argc; ++i) {
-        const std::string spec = argv[i];
-        const size_t equals = spec.find('=');
-        if (equals == std::string::npos || access(spec.c_str() + equals + 1, X_OK) != 0) {
+        const std::string entry = argv[i];
+        const size_t equals = entry.find('=');
+        if (equals == std::string::npos || access(entry.c_str() + equals + 1, X_OK) != 0) {
             fprintf(stderr, "skipping %s: not NAME=PROGRAM or not executable\n", argv[i]);
             continue;
         }
-        programs.push_back({spec.substr(0, equals), spec.substr(equals + 1)});
+        programs.push_back({entry.substr(0, equals), entry.substr(equals + 1)});
     }
     pid_t server = -1;
     if (programs.empty() || !SetUpDesktop(server)) {
