@@ -261,6 +261,43 @@ TEST_F(DisplayTest, ScreenReaderReadsTheMessageAndPressesAcknowledge) {
     EXPECT_EQ(Read(run), "(ended)");
 }
 
+// Keys act only once the window has the keyboard: focus starts on the text,
+// Tab reaches the button, Enter or Space press it (once); Escape never does.
+TEST_F(DisplayTest, KeyboardAcknowledgesOnlyThroughTheFocusedButton) {
+    if (Server() != "xvfb") {
+        GTEST_SKIP() << "keys are sent with xdotool on Xvfb";
+    }
+    Program& enter = Launch({{"MESSAGE", "Enter"}, {"MESSAGE_ID", "41"}, {"WINDOW_ORDER", "4"}});
+    Program& space = Launch({{"MESSAGE", "Space"}, {"MESSAGE_ID", "42"}, {"WINDOW_ORDER", "5"}});
+    for (const Program* run : {&enter, &space}) {
+        ASSERT_GT(s_session->WindowOf(run->pid).width, 0);
+    }
+    // Typed, as a user types (XTEST), to whichever window has the keyboard.
+    const auto keys = [](const Program* focused, std::vector<std::string> names) {
+        if (focused != nullptr &&
+            !s_session->XdoTool({"search", "--onlyvisible", "--pid", std::to_string(focused->pid),
+                                 "--name", ".", "windowfocus", "--sync"})) {
+            return false;
+        }
+        std::vector<std::string> args = {"mousemove", "0",   "799", // off both windows
+                                         "sleep",     "0.2", "key", "--delay", "100"};
+        args.insert(args.end(), names.begin(), names.end());
+        return s_session->XdoTool(args);
+    };
+    ASSERT_TRUE(keys(nullptr, {"Escape", "Return", "space", "Tab", "Return"}));
+    ASSERT_TRUE(keys(&enter, {"Escape", "Return", "space"}));
+    ASSERT_TRUE(keys(&enter, {"Tab", "Escape"}));
+    EXPECT_EQ(Read(enter, 500), "(timed out)") << "a key acknowledged without the button";
+    EXPECT_EQ(Read(space, 10), "(timed out)");
+    ASSERT_TRUE(keys(&enter, {"Return", "Return"}));
+    ASSERT_TRUE(keys(&space, {"Tab", "space"}));
+    for (auto [run, id] : {std::pair(&enter, 41), std::pair(&space, 42)}) {
+        EXPECT_EQ(Read(*run), Record(id, kUser));
+        EXPECT_EQ(ExitStatus(*run), 0);
+        EXPECT_EQ(Read(*run), "(ended)") << "exactly one record";
+    }
+}
+
 // Root is gone before anything is drawn, only fds 0-2 and 60 are kept; the
 // full-screen window covers the screen, then shrinks to its slot, beside and
 // not over the window of the slot before it.
