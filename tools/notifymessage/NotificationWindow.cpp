@@ -491,11 +491,12 @@ Outcome NotificationView::Run() {
     Build();
     SetLook(m_large);
     if (!OnX11()) {
-        // Wayland: the compositor places the window; a fixed size (the slot's
-        // width, the text's height) keeps tiling compositors from stretching
-        // it over the screen, and follows the text when the look changes. A
-        // full-screen window must be free to fill the screen.
-        gtk_window_set_resizable(GTK_WINDOW(m_window), !m_large);
+        // Wayland: the compositor places the window. A fixed size (the slot's
+        // width, the text's height: its minimum and maximum equal) makes
+        // tiling compositors float it instead of stretching it over the
+        // screen, and follows the text when the look changes. A full-screen
+        // window must be free to fill the screen.
+        gtk_window_set_resizable(GTK_WINDOW(m_window), m_large);
     }
     if (!OnX11() && !m_large) {
         gtk_label_set_max_width_chars(GTK_LABEL(m_text), 1);
