@@ -170,8 +170,6 @@ void NotificationView::Build() {
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(m_headingScroller), GTK_POLICY_NEVER,
                                    GTK_POLICY_AUTOMATIC);
     gtk_scrolled_window_set_propagate_natural_height(GTK_SCROLLED_WINDOW(m_headingScroller), TRUE);
-    gtk_scrolled_window_set_max_content_height(GTK_SCROLLED_WINDOW(m_headingScroller),
-                                               std::max(kMinScrollHeight, m_monitor.height / 6));
     gtk_scrolled_window_set_child(GTK_SCROLLED_WINDOW(m_headingScroller), m_heading);
     gtk_widget_set_visible(m_headingScroller, !caption.empty());
     gtk_box_append(GTK_BOX(m_box), m_headingScroller);
@@ -255,9 +253,18 @@ int NotificationView::SizeForWidth(int width) {
     int chrome = 2 * padding + kSpacing;
     int minimum = 0, natural = 0;
     if (gtk_widget_get_visible(m_headingScroller)) {
-        gtk_widget_measure(m_headingScroller, GTK_ORIENTATION_VERTICAL, inner, &minimum, &natural,
-                           nullptr, nullptr);
-        chrome += natural + kSpacing;
+        // The caption at the width it gets: a scroller measures its content
+        // at the content's own width, which on Wayland (labels one character
+        // wide, see Run) makes it as tall as it may be.
+        gtk_widget_measure(m_heading, GTK_ORIENTATION_VERTICAL, inner, &minimum, &natural, nullptr,
+                           nullptr);
+        const int tallest = std::max(kMinScrollHeight, m_monitor.height / 6);
+        const int heading = std::min(natural, tallest);
+        GtkScrolledWindow* scroller = GTK_SCROLLED_WINDOW(m_headingScroller);
+        gtk_scrolled_window_set_max_content_height(scroller, -1);
+        gtk_scrolled_window_set_min_content_height(scroller, m_large ? -1 : heading);
+        gtk_scrolled_window_set_max_content_height(scroller, m_large ? tallest : heading);
+        chrome += heading + kSpacing;
     }
     gtk_widget_measure(m_button, GTK_ORIENTATION_VERTICAL, -1, &minimum, &natural, nullptr,
                        nullptr);
