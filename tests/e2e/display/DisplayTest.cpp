@@ -261,15 +261,20 @@ TEST_F(DisplayTest, ScreenReaderReadsTheMessageAndPressesAcknowledge) {
 
 // Keys act only once the window has the keyboard: focus starts on the text,
 // Tab reaches the button, Enter or Space press it (once); Escape never does.
+// GDK_SCALE=2 doubles a window.
 TEST_F(DisplayTest, KeyboardAcknowledgesOnlyThroughTheFocusedButton) {
     if (Server() != "xvfb") {
         GTEST_SKIP() << "keys are sent with xdotool on Xvfb";
     }
     Program& enter = Launch({{"MESSAGE", "Enter"}, {"MESSAGE_ID", "41"}, {"WINDOW_ORDER", "4"}});
-    Program& space = Launch({{"MESSAGE", "Space"}, {"MESSAGE_ID", "42"}, {"WINDOW_ORDER", "5"}});
-    for (const Program* run : {&enter, &space}) {
-        ASSERT_GT(s_session->WindowOf(run->pid).width, 0);
-    }
+    // The second at twice the size, as on a high-resolution screen.
+    Program& space = Launch(
+        {{"MESSAGE", "Space"}, {"MESSAGE_ID", "42"}, {"WINDOW_ORDER", "5"}, {"GDK_SCALE", "2"}});
+    const Box plain = s_session->WindowOf(enter.pid);
+    const Box scaled = s_session->WindowOf(space.pid);
+    ASSERT_GT(plain.width, 0);
+    EXPECT_EQ(scaled.width, 2 * plain.width) << scaled.Text() << " beside " << plain.Text();
+    EXPECT_EQ(scaled.height, 2 * plain.height) << scaled.Text() << " beside " << plain.Text();
     // Typed, as a user types (XTEST), to whichever window has the keyboard.
     const auto keys = [](const Program* focused, std::vector<std::string> names) {
         if (focused != nullptr &&
