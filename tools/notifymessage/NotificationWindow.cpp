@@ -9,6 +9,7 @@
 #endif
 
 #include <algorithm>
+#include <cstring>
 
 #include "LogoLoader.h"
 #include "WindowLayout.h"
@@ -169,8 +170,6 @@ void NotificationView::Build() {
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(m_headingScroller), GTK_POLICY_NEVER,
                                    GTK_POLICY_AUTOMATIC);
     gtk_scrolled_window_set_propagate_natural_height(GTK_SCROLLED_WINDOW(m_headingScroller), TRUE);
-    gtk_scrolled_window_set_max_content_height(GTK_SCROLLED_WINDOW(m_headingScroller),
-                                               std::max(kMinScrollHeight, m_monitor.height / 6));
     gtk_scrolled_window_set_child(GTK_SCROLLED_WINDOW(m_headingScroller), m_heading);
     gtk_widget_set_visible(m_headingScroller, !caption.empty());
     gtk_box_append(GTK_BOX(m_box), m_headingScroller);
@@ -254,9 +253,18 @@ int NotificationView::SizeForWidth(int width) {
     int chrome = 2 * padding + kSpacing;
     int minimum = 0, natural = 0;
     if (gtk_widget_get_visible(m_headingScroller)) {
-        gtk_widget_measure(m_headingScroller, GTK_ORIENTATION_VERTICAL, inner, &minimum, &natural,
-                           nullptr, nullptr);
-        chrome += natural + kSpacing;
+        // The caption at the width it gets: a scroller measures its content
+        // at the content's own width, which on Wayland (labels one character
+        // wide, see Run) makes it as tall as it may be.
+        gtk_widget_measure(m_heading, GTK_ORIENTATION_VERTICAL, inner, &minimum, &natural, nullptr,
+                           nullptr);
+        const int tallest = std::max(kMinScrollHeight, m_monitor.height / 6);
+        const int heading = std::min(natural, tallest);
+        GtkScrolledWindow* scroller = GTK_SCROLLED_WINDOW(m_headingScroller);
+        gtk_scrolled_window_set_max_content_height(scroller, -1);
+        gtk_scrolled_window_set_min_content_height(scroller, m_large ? -1 : heading);
+        gtk_scrolled_window_set_max_content_height(scroller, m_large ? tallest : heading);
+        chrome += heading + kSpacing;
     }
     gtk_widget_measure(m_button, GTK_ORIENTATION_VERTICAL, -1, &minimum, &natural, nullptr,
                        nullptr);
@@ -490,11 +498,12 @@ Outcome NotificationView::Run() {
     Build();
     SetLook(m_large);
     if (!OnX11()) {
-        // Wayland: the compositor places the window; a fixed size (the slot's
-        // width, the text's height) keeps tiling compositors from stretching
-        // it over the screen, and follows the text when the look changes. A
-        // full-screen window must be free to fill the screen.
-        gtk_window_set_resizable(GTK_WINDOW(m_window), !m_large);
+        // Wayland: the compositor places the window. A fixed size (the slot's
+        // width, the text's height: its minimum and maximum equal) makes
+        // tiling compositors float it instead of stretching it over the
+        // screen, and follows the text when the look changes. A full-screen
+        // window must be free to fill the screen.
+        gtk_window_set_resizable(GTK_WINDOW(m_window), m_large);
     }
     if (!OnX11() && !m_large) {
         gtk_label_set_max_width_chars(GTK_LABEL(m_text), 1);
@@ -526,6 +535,59 @@ Outcome NotificationView::Run() {
     return m_outcome;
 }
 
+#ifdef GDK_WINDOWING_X11
+// The accessibility bus an X session announces on its root window, "" if none.
+std::string AnnouncedAccessibilityBus(Display* xdisplay) {
+    Atom type = None;
+    int format = 0;
+    unsigned long items = 0, after = 0;
+    unsigned char* data = nullptr;
+    std::string address;
+    // Another program's bytes: a D-Bus address is short.
+    if (XGetWindowProperty(xdisplay, DefaultRootWindow(xdisplay),
+                           XInternAtom(xdisplay, "AT_SPI_BUS", False), 0, 1024, False, XA_STRING,
+                           &type, &format, &items, &after, &data) == Success &&
+        data != nullptr && format == 8 && after == 0) {
+        address.assign(reinterpret_cast<const char*>(data),
+                       strnlen(reinterpret_cast<const char*>(data), items));
+    }
+    if (data != nullptr) {
+        XFree(data);
+    }
+    return address;
+}
+#endif
+
+// Where screen readers find the window. The daemon starts the program without
+// a session bus, and GTK looking for one (on X11 too, before the root
+// window) warns on every start: on X11 the bus the session announces on its
+// root window is taken first; with no bus at all accessibility is off,
+// quietly, as nothing could read it.
+void ChooseAccessibilityBus() {
+    if (getenv("AT_SPI_BUS_ADDRESS") != nullptr) {
+        return;
+    }
+#ifdef GDK_WINDOWING_X11
+    GdkDisplay* display = gdk_display_get_default();
+    if (GDK_IS_X11_DISPLAY(display)) {
+        const std::string address =
+            AnnouncedAccessibilityBus(gdk_x11_display_get_xdisplay(display));
+        if (!address.empty()) {
+            setenv("AT_SPI_BUS_ADDRESS", address.c_str(), 1);
+            return;
+        }
+    }
+#endif
+    const char* runtime = getenv("XDG_RUNTIME_DIR");
+    const bool sessionBus =
+        getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr ||
+        (runtime != nullptr &&
+         g_file_test((std::string(runtime) + "/bus").c_str(), G_FILE_TEST_EXISTS));
+    if (!sessionBus) {
+        setenv("GTK_A11Y", "none", 1);
+    }
+}
+
 } // namespace
 
 Outcome ShowNotification(const NotificationRequest& request, GdkPixbuf* logo,
@@ -544,6 +606,7 @@ Outcome ShowNotification(const NotificationRequest& request, GdkPixbuf* logo,
         return Outcome::Failed;
     }
     displayOpened();
+    ChooseAccessibilityBus();
     NotificationView view(request, logo);
     return view.Run();
 }

@@ -29,14 +29,4 @@ int MaxWindowHeight(int screenHeight, int top) {
     return std::max(1, std::min(twoThirds, screenHeight - kScreenMargin - top));
 }
 
-Rect ButtonRect(int windowWidth, int windowHeight, bool large) {
-    Rect button;
-    const int padding = large ? std::max(24, windowWidth / 10) : 14;
-    button.width = std::min(large ? 240 : 140, std::max(1, windowWidth - 2 * padding));
-    button.height = large ? 56 : 32;
-    button.x = (windowWidth - button.width) / 2;
-    button.y = std::max(0, windowHeight - padding - button.height);
-    return button;
-}
-
 } // namespace notifymsg

@@ -29,8 +29,4 @@ Rect NormalWindowRect(int screenWidth, int screenHeight, int windowOrder);
 // past its bottom edge from this top.
 int MaxWindowHeight(int screenHeight, int top);
 
-// Where the Xlib program drew its button; only the old display tests still
-// click there, until they find the button through the accessibility tree.
-Rect ButtonRect(int windowWidth, int windowHeight, bool large);
-
 } // namespace notifymsg

@@ -87,28 +87,29 @@ fetch_customisation() {
         "cmp -s /root/custom.txt /var/cache/notifydaemon/custom.dat"
 }
 
-# The desktop user's notification window: clicked on its button until the
-# acknowledgement reaches the gateway (xdotool's events can get lost).
+# The desktop user's notification window, acknowledged from the keyboard as
+# a user without a mouse does: focus on the window, Tab to the button, Enter;
+# again until the acknowledgement reaches the gateway (xdotool's events can
+# get lost). Escape first, which must never acknowledge.
 acknowledge() {
-    local id=$1 user=$2 authority=$3 pid window geometry x y attempt
+    local id=$1 user=$2 authority=$3 pid window attempt
     local -a x11=(env DISPLAY=:0 XAUTHORITY="$authority")
     await 15 "notification window" \
         "${x11[*]} xdotool search --onlyvisible --pid \"\$(pidof notifymessage)\""
     pid=$(inside pidof notifymessage)
     expect "the display program runs as $user" [ "$(inside ps -o user= -p "$pid")" = "$user" ]
     window=$(inside "${x11[@]}" xdotool search --onlyvisible --pid "$pid" | head -n 1)
-    geometry=$(inside "${x11[@]}" xdotool getwindowgeometry --shell "$window")
-    read -r x y < <("$ND_PROBE" button "$(sed -n 's/^WIDTH=//p' <<<"$geometry")" \
-        "$(sed -n 's/^HEIGHT=//p' <<<"$geometry")")
-    expect "nothing acknowledged before the click" \
+    inside timeout 5 "${x11[@]}" xdotool windowfocus --sync "$window" key Escape sleep 0.5 ||
+        fail "no focus on the notification window"
+    expect "nothing acknowledged before the button" \
         inside sh -c "! grep -q 'CMD=MESSAGEACK ID=$id ' /root/gateway.out"
     for attempt in 1 2 3; do
-        inside "${x11[@]}" xdotool mousemove --window "$window" "$x" "$y" sleep 0.2 \
-            mousedown 1 sleep 0.2 mouseup 1 || true
+        inside timeout 5 "${x11[@]}" xdotool windowfocus --sync "$window" sleep 0.2 key Tab \
+            sleep 0.2 key Return || true
         if tb wait "$state" 5 grep -qF "CMD=MESSAGEACK ID=$id UF=1 UN=$user" /root/gateway.out; then
             break
         fi
-        [ $attempt -lt 3 ] || fail "no acknowledgement of $id after three clicks"
+        [ $attempt -lt 3 ] || fail "no acknowledgement of $id after three tries"
     done
     await 5 "display program ended" "! pidof notifymessage"
 }

@@ -187,6 +187,13 @@ public:
             0);
     }
 
+    // xdotool ARGS as the user (X servers): keys, focus.
+    bool XdoTool(const std::vector<std::string>& args) const {
+        std::vector<std::string> more = {"run", "--", "/usr/bin/xdotool"};
+        more.insert(more.end(), args.begin(), args.end());
+        return hosttest::ExitedWith(Tool(more).status, 0);
+    }
+
     // atspi-client --pid PID ARGS..., run as the user in the session.
     Output ScreenReader(pid_t pid, const std::vector<std::string>& args) const {
         std::vector<std::string> more = {"run", "--", m_tools + "/atspi-client", "--pid",
