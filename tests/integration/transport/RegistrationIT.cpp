@@ -37,8 +37,10 @@ TEST_F(GatewayTest, CmpiSetsThePollCadence) {
     ASSERT_TRUE(WaitUntil([&] { return Period() == 1000; }));
     ASSERT_TRUE(gateway->WaitForRequest("POLL", 5000));
     const auto first = std::chrono::steady_clock::now();
-    ASSERT_TRUE(gateway->WaitForRequest("POLL", 5000, nullptr, 2));
-    EXPECT_GE(std::chrono::steady_clock::now() - first, std::chrono::milliseconds(800));
+    // Two periods later, the third: seeing the first late (a loaded machine)
+    // shortens what is measured by up to a period and must not fail the test.
+    ASSERT_TRUE(gateway->WaitForRequest("POLL", 5000, nullptr, 3));
+    EXPECT_GE(std::chrono::steady_clock::now() - first, std::chrono::milliseconds(1000));
 }
 
 // The read thread dispatches every whole message of one read, not the first.
