@@ -80,7 +80,8 @@ std::string CheckWaylandDisplay(const std::string& value, uid_t uid,
 
 std::string CheckDisplay(const std::string& value, const SessionPaths& paths) {
     const size_t dot = value.find('.');
-    const std::string number = value.substr(1, dot == std::string::npos ? dot : dot - 1);
+    const std::string number =
+        value.substr(value.empty() ? 0 : 1, dot == std::string::npos ? dot : dot - 1);
     if (value.empty() || value[0] != ':' || !IsDigits(number) ||
         (dot != std::string::npos && !IsDigits(value.substr(dot + 1))) ||
         strtol(number.c_str(), nullptr, 10) > kMaxDisplayNumber) {
