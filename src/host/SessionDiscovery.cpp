@@ -28,6 +28,8 @@ constexpr const char* kSessionInterface = "org.freedesktop.login1.Session";
 constexpr const char* kSessionPathPrefix = "/org/freedesktop/login1/session";
 constexpr int kMaxSessions = 1024;
 constexpr size_t kStatReadLimit = 1024;
+// Environments read at most per notification (each up to kEnvironLimit).
+constexpr int kMaxEnvironmentsRead = 64;
 constexpr size_t kPasswordBufferSize = 16384;
 
 // Takes over a string sd-login allocated.
@@ -190,7 +192,11 @@ std::string ReadEnviron(pid_t pid) {
 // The first of the session's processes whose environment names a display.
 bool SessionVariables(pid_t leader, uid_t uid, const std::string& id,
                       std::map<std::string, std::string>& found) {
+    int read = 0;
     for (pid_t pid : SessionProcesses(leader, uid)) {
+        if (++read > kMaxEnvironmentsRead) {
+            break;
+        }
         std::vector<std::string> tooLong;
         std::map<std::string, std::string> variables = ParseEnviron(ReadEnviron(pid), tooLong);
         for (const std::string& name : tooLong) {
@@ -223,15 +229,19 @@ bool DiscoverDesktopSession(DesktopSession& session, std::string& why, const Ses
     }
     const Bus bus(opened);
     std::vector<SessionRecord> sessions = ListSessions();
-    for (SessionRecord& record : sessions) {
-        if (IsActiveGraphical(record)) {
-            SessionProperty(bus.get(), record.id, "Timestamp", 't', record.startedUsec);
-        }
-    }
     char* active = nullptr;
     const std::string seat0Active =
         sd_seat_get_active("seat0", &active, nullptr) >= 0 ? Owned(active) : "";
-    const int chosen = ChooseTargetSession(sessions, seat0Active);
+    int chosen = ChooseTargetSession(sessions, seat0Active);
+    if (chosen >= 0 && sessions[size_t(chosen)].id != seat0Active) {
+        // Not seat0's: the start times decide, asked only now.
+        for (SessionRecord& record : sessions) {
+            if (IsActiveGraphical(record)) {
+                SessionProperty(bus.get(), record.id, "Timestamp", 't', record.startedUsec);
+            }
+        }
+        chosen = ChooseTargetSession(sessions, seat0Active);
+    }
     if (chosen < 0) {
         why = "no active graphical session";
         return false;
@@ -243,8 +253,8 @@ bool DiscoverDesktopSession(DesktopSession& session, std::string& why, const Ses
     const std::string described =
         "session " + record.id + " of user id " + std::to_string(record.uid);
     uint32_t leader = 0;
-    if (session.user.empty()) {
-        why = described + " has no account name";
+    if (record.uid == 0 || session.user.empty()) {
+        why = described + (record.uid == 0 ? " is root's" : " has no account name");
         return false;
     }
     if (!SessionProperty(bus.get(), record.id, "Leader", 'u', leader) || leader == 0) {
