@@ -6,12 +6,14 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-login.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -100,6 +102,7 @@ std::string UserName(uid_t uid) {
 struct ProcessInfo {
     pid_t parent = 0;
     uid_t uid = 0;
+    gid_t gid = 0;
 };
 
 // pid -> parent and owner, for at most kMaxProcessesScanned processes.
@@ -136,28 +139,29 @@ std::map<pid_t, ProcessInfo> ListProcesses() {
         const char* close = strrchr(text, ')');
         int parent = 0;
         if (close != nullptr && sscanf(close + 1, " %*c %d", &parent) == 1) {
-            processes[pid_t(pid)] = ProcessInfo{pid_t(parent), info.st_uid};
+            processes[pid_t(pid)] = ProcessInfo{pid_t(parent), info.st_uid, info.st_gid};
         }
     }
     closedir(proc);
     return processes;
 }
 
-// The leader and its descendants owned by `uid`, breadth first.
-std::vector<pid_t> SessionProcesses(pid_t leader, uid_t uid) {
+// The leader and its descendants owned by `uid`, breadth first, with their
+// group.
+std::vector<std::pair<pid_t, gid_t>> SessionProcesses(pid_t leader, uid_t uid) {
     const std::map<pid_t, ProcessInfo> processes = ListProcesses();
     std::multimap<pid_t, pid_t> children;
     for (const auto& process : processes) {
         children.emplace(process.second.parent, process.first);
     }
-    std::vector<pid_t> owned;
+    std::vector<std::pair<pid_t, gid_t>> owned;
     std::vector<pid_t> level = {leader};
     for (int depth = 0; depth <= kMaxProcessDepth && !level.empty(); ++depth) {
         std::vector<pid_t> next;
         for (pid_t pid : level) {
             const auto found = processes.find(pid);
             if (found != processes.end() && found->second.uid == uid) {
-                owned.push_back(pid);
+                owned.emplace_back(pid, found->second.gid);
             }
             const auto range = children.equal_range(pid);
             for (auto child = range.first; child != range.second; ++child) {
@@ -169,9 +173,26 @@ std::vector<pid_t> SessionProcesses(pid_t leader, uid_t uid) {
     return owned;
 }
 
-std::string ReadEnviron(pid_t pid) {
+// Another user's environment may be read only with CAP_SYS_PTRACE, which the
+// service's confinement does not grant; with this thread's file-system ids
+// set to the process's own, the kernel lets its owner's rights suffice. Only
+// the open is done so; the ids are restored at once.
+int OpenEnviron(pid_t pid, uid_t uid, gid_t gid) {
     const std::string path = "/proc/" + std::to_string(pid) + "/environ";
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0 || (errno != EACCES && errno != EPERM)) {
+        return fd;
+    }
+    const int oldGid = setfsgid(gid);
+    const int oldUid = setfsuid(uid);
+    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    setfsuid(uid_t(oldUid));
+    setfsgid(gid_t(oldGid));
+    return fd;
+}
+
+std::string ReadEnviron(pid_t pid, uid_t uid, gid_t gid) {
+    const int fd = OpenEnviron(pid, uid, gid);
     if (fd < 0) {
         return std::string();
     }
@@ -193,12 +214,13 @@ std::string ReadEnviron(pid_t pid) {
 bool SessionVariables(pid_t leader, uid_t uid, const std::string& id,
                       std::map<std::string, std::string>& found) {
     int read = 0;
-    for (pid_t pid : SessionProcesses(leader, uid)) {
+    for (const auto& [pid, gid] : SessionProcesses(leader, uid)) {
         if (++read > kMaxEnvironmentsRead) {
             break;
         }
         std::vector<std::string> tooLong;
-        std::map<std::string, std::string> variables = ParseEnviron(ReadEnviron(pid), tooLong);
+        std::map<std::string, std::string> variables =
+            ParseEnviron(ReadEnviron(pid, uid, gid), tooLong);
         for (const std::string& name : tooLong) {
             Log("Session " + id + ": " + name + " rejected (longer than " +
                 std::to_string(kEnvironValueLimit) + " bytes)");
