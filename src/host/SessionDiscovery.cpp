@@ -136,9 +136,9 @@ std::map<pid_t, ProcessInfo> ListProcesses() {
         }
         text[length] = '\0';
         // "pid (comm) state ppid ...": comm may hold anything, so after its last ')'.
-        const char* close = strrchr(text, ')');
+        const char* commEnd = strrchr(text, ')');
         int parent = 0;
-        if (close != nullptr && sscanf(close + 1, " %*c %d", &parent) == 1) {
+        if (commEnd != nullptr && sscanf(commEnd + 1, " %*c %d", &parent) == 1) {
             processes[pid_t(pid)] = ProcessInfo{pid_t(parent), info.st_uid, info.st_gid};
         }
     }
