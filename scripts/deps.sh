@@ -17,6 +17,8 @@ packages=(
     libxft-dev
     # The package's checks and the booted test bed.
     lintian man-db systemd mmdebstrap systemd-container
+    # The daemon's session discovery (sd-login, sd-bus).
+    libsystemd-dev pkg-config
     # Display tests on real servers (tests/support/desktop): GNOME's compositor
     # with Xwayland, sway with grim, a session bus, the accessibility bus and
     # the Python modules of the harness and its screen-reader client.

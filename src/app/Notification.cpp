@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <vector>
 
@@ -15,6 +16,8 @@
 #include "config/Preferences.h"
 #include "host/ForkProcess.h"
 #include "host/MachineDetails.h"
+#include "host/SessionDiscovery.h"
+#include "log/Log.h"
 
 std::mutex gReceivedMessagesLock;
 
@@ -77,6 +80,24 @@ int AnswerConfigInt(CTL_CALLBACK* cb) {
     }
     return vel::Preferences::getInstance()->getConfigInt(cb->configint.section, cb->configint.key,
                                                          cb->configint.dflt);
+}
+
+// Starts the display program with `entries`: the whole environment, or (the
+// probe's way) entries added to the daemon's own after the X variables.
+void StartDisplayProgram(const std::string& directory, std::vector<std::string>& entries,
+                         bool whole) {
+    std::vector<char*> environment;
+    for (std::string& entry : entries) {
+        environment.push_back(&entry[0]);
+    }
+    environment.push_back(nullptr);
+    const int child =
+        whole ? vel::ForkGuiProcessWithEnvironment(directory.c_str(), kDisplayProgram,
+                                                   environment.data())
+              : vel::ForkGuiProcess(directory.c_str(), kDisplayProgram, environment.data());
+    if (child > 0) {
+        gDisplayChildren.push_back(child);
+    }
 }
 
 const char* TextOrEmpty(const char* text) {
@@ -168,23 +189,29 @@ void MessageCallback(const CTL_CALLBACK* cb) {
         entry(vel::kEntryFullscreenTimeout, fullscreentimeout),
         entry(vel::kEntryLargeLogoPath, largelogopath),
     };
-    std::vector<char*> environment;
-    for (std::string& entry : entries) {
-        environment.push_back(&entry[0]);
-    }
-    environment.push_back(nullptr);
-
     std::string directory;
     vel::install_path(directory);
     directory += kDisplaySubdirectory;
     ReapDisplayChildren();
-    const int child = vel::ForkGuiProcess(directory.c_str(), kDisplayProgram, environment.data());
-    if (child > 0) {
-        gDisplayChildren.push_back(child);
-    }
 
     std::string user;
-    vel::GetMachineUserName(user);
+    vel::DesktopSession session;
+    std::string why;
+    if (gSessionDiscovery && vel::LogindRunning()) {
+        if (vel::DiscoverDesktopSession(session, why)) {
+            std::vector<std::string> all = vel::BuildSessionLaunchEnvironment(
+                environ, session.environment, entries, session.user);
+            StartDisplayProgram(directory, all, true);
+            user = session.user;
+        } else {
+            vel::Log("Notification " + idText + " not shown: " + why);
+            vel::GetMachineUserName(user);
+        }
+    } else {
+        StartDisplayProgram(directory, entries, false);
+        vel::GetMachineUserName(user);
+    }
+
     tagCTL_MESSAGERECEIVEDINFO received = {0, id, 0, user.c_str()};
     if (vel::CHTCTL* ctl = transport.load()) {
         ctl->MessageReceived(&received);

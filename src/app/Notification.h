@@ -24,7 +24,10 @@ extern std::mutex gReceivedMessagesLock;
 int ClientCallback(int code, void* cbdata, CTL_CALLBACK* cb);
 
 // Displays a notification once (a repeated id is dropped), then reports its
-// reception with the desktop user's name.
+// reception with the desktop user's name. With gSessionDiscovery and logind,
+// the display is that of the session logind names, and so is the user; with
+// no such session the log says why it was not shown and the reception is
+// still reported.
 void MessageCallback(const CTL_CALLBACK* cb);
 
 // Splits the packet's texts: the message, "timeout|caption" and the flags.

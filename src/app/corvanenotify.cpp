@@ -12,6 +12,7 @@
 #include "config/InstallEnvironment.h"
 #include "config/Preferences.h"
 #include "config/SettingsReader.h"
+#include "host/SessionDiscovery.h"
 #include "log/Log.h"
 
 std::set<int> gReceivedMessages;
@@ -19,6 +20,7 @@ int gTimerSleepMinutes = 60;
 int fullscreen = 0;
 std::string fullscreentimeout;
 std::string largelogopath;
+bool gSessionDiscovery = false;
 int current_window_num = 0;
 uint64_t gLastWriteTime = 0;
 int gNamedPipe = -1;
@@ -99,6 +101,11 @@ bool Configure() {
     fullscreen = prefs->getConfigInt("UI", "FullScreen", fullscreen);
     fullscreentimeout = prefs->getConfigString("UI", "FullScreenTimeout");
     largelogopath = prefs->getConfigString("UI", "LargeLogoPath");
+    gSessionDiscovery = prefs->getConfigInt("UI", "SessionDiscovery", 0) == 1;
+    if (gSessionDiscovery && !vel::LogindRunning()) {
+        vel::Log("Session discovery: systemd-logind is not running here, so the X server is "
+                 "probed as without it");
+    }
     return true;
 }
 

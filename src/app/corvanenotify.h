@@ -21,6 +21,10 @@ extern int gTimerSleepMinutes;
 extern int fullscreen;
 extern std::string fullscreentimeout;
 extern std::string largelogopath;
+// UI/SessionDiscovery=1: each notification goes to the session systemd-logind
+// names, with that session's own display environment and user. Any other
+// value or none: the X server probe and the console's login records.
+extern bool gSessionDiscovery;
 // Stacking order of the next helper window, 0 to 9.
 extern int current_window_num;
 // Last-write time of the cached customisation file.

@@ -57,6 +57,25 @@ int ForkGuiProcess(const char* directory, const char* command, char** putenvs) {
     return child;
 }
 
+int ForkGuiProcessWithEnvironment(const char* directory, const char* command, char** environment) {
+    std::string path = std::string(directory != nullptr ? directory : "") + "/" +
+                       (command != nullptr ? command : "");
+    std::string failure = FormatLogLine("Error launching child process") + "\n";
+    char* argv[] = {&path[0], nullptr};
+    char* none[] = {nullptr};
+    pid_t child = fork();
+    if (child == -1) {
+        Log("Couldn't fork UI Process");
+        return -1;
+    }
+    if (child == 0) {
+        execve(argv[0], argv, environment != nullptr ? environment : none);
+        WriteLogLineAfterFork(failure.data(), failure.size());
+        _exit(1);
+    }
+    return child;
+}
+
 void GetXAuthority(std::string& out) {
     std::string serverLine;
     PipeSubprocess(kXServerQuery, serverLine);

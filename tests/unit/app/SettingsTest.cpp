@@ -67,4 +67,20 @@ TEST_F(SettingsTest, AbsentApplicationSettings) {
     EXPECT_EQ(largelogopath, "");
 }
 
+// Only 1 turns discovery on; anything else keeps the X server probe.
+TEST_F(SettingsTest, SessionDiscoveryIsOnOnlyWithOne) {
+    const std::pair<const char*, bool> cases[] = {
+        {"", false},
+        {"SessionDiscovery=0\n", false},
+        {"SessionDiscovery=1\n", true},
+        {"SessionDiscovery=2\n", false},
+        {"SessionDiscovery=yes\n", false},
+    };
+    for (const auto& [line, on] : cases) {
+        gSessionDiscovery = !on;
+        ASSERT_TRUE(Load(std::string("[gateway]\ngatewayip=h\n[UI]\n") + line));
+        EXPECT_EQ(gSessionDiscovery, on) << line;
+    }
+}
+
 } // namespace
