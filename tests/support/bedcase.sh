@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154 # state, step and deb are the caller's
 # Sourced by booted-container test scripts (bash, set -euo pipefail): one
 # case in a fresh container booted from tests/support/testbed, the package
 # installed, the development gateway inside on 127.0.0.1:$kBedPort.

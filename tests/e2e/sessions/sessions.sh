@@ -10,9 +10,11 @@ set -euo pipefail
 
 step="${1:?case}_${2:?mode}"
 mode=$2
+# shellcheck disable=SC2034 # read by bedcase.sh
 deb=$ND_DEB
 state=$ND_WORK/run/$step
 desk=/root/desk
+# shellcheck source=tests/support/bedcase.sh
 source "$ND_SUPPORT/bedcase.sh"
 
 config=""
@@ -132,7 +134,12 @@ case_gnome_wayland() {
         # Xwayland does not look like "/…/X -auth": no window, receipt still sent.
         expect_receipt 101 ""
         expect_nothing_started
+        return
     fi
+    expect_receipt 101 alice
+    local authority
+    authority=$(inside sh -c 'ls /run/user/$(id -u alice)/.mutter-Xwaylandauth.*')
+    expect_shown_and_acknowledged 101 mutter alice :0 "$authority" wayland-0
 }
 
 # GNOME on Xorg: the greeter's root X server stays on :0, the user's own X
@@ -216,6 +223,8 @@ case_none() {
     expect_session nd-tty "Active=yes Class=user Remote=no Seat= Type=tty"
     notify 107
     expect_receipt 107 ""
+    [ "$mode" = today ] || await 5 "the reason logged" \
+        "grep -q ' Notification 107 not shown: ' /var/log/notifydaemon.log"
     expect_nothing_started
 }
 
@@ -234,7 +243,9 @@ case_sway() {
     if [ "$mode" = today ]; then
         expect_receipt 106 ""
         expect_nothing_started
+        return
     fi
+    expect_shown_and_acknowledged 106 sway alice "" "" wayland-1
 }
 
 # A user who plants hostile values where the daemon looks: in the session's
@@ -253,6 +264,9 @@ case_hostile() {
     expect_session nd-mallory "Active=yes Class=user Remote=no Seat=seat0 Type=x11"
     notify 108
     expect_receipt 108 mallory
+    if [ "$mode" = discovery ]; then
+        inside grep -a ' Session \| Notification 108' /var/log/notifydaemon.log | cut -c1-300 >&2 || true
+    fi
     sleep 3
     expect "nothing ran from the planted values" inside test ! -e "$kHostileMark"
     expect "no display program" inside sh -c '! pidof notifymessage'
