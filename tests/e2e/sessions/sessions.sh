@@ -53,6 +53,10 @@ expect_session() {
     got=$(inside loginctl show-session "$id" -p Active -p Class -p Remote -p Seat -p Type | sort |
         paste -sd' ')
     expect "session of $unit is '$want', not '$got'" [ "$got" = "$want" ]
+    # sd-login reads logind's state files, written a moment after the bus
+    # already says so.
+    [[ "$want" != *Active=yes* ]] ||
+        await 5 "logind's file for session $id" "grep -qx STATE=active /run/systemd/sessions/$id"
 }
 
 # A root X server outside any session, as display managers run the
@@ -233,7 +237,8 @@ case_sway() {
     start_bed
     add_user alice
     inside sh -c 'mkdir -p /home/alice/.config/sway && printf "%s\n" "output HEADLESS-1 resolution \
-        1280x800" "xwayland disable" "default_border none" >/home/alice/.config/sway/config &&
+        1280x800" "xwayland disable" "default_border none" \
+        "exec sleep infinity" >/home/alice/.config/sway/config &&
         chown -R alice: /home/alice/.config'
     session nd-sway alice wayland seat0 --setenv=WLR_BACKENDS=headless \
         --setenv=WLR_RENDERER=pixman --setenv=WLR_LIBINPUT_NO_DEVICES=1 -- sway
@@ -265,7 +270,13 @@ case_hostile() {
     notify 108
     expect_receipt 108 mallory
     if [ "$mode" = discovery ]; then
-        inside grep -a ' Session \| Notification 108' /var/log/notifydaemon.log | cut -c1-300 >&2 || true
+        local why
+        for why in 'WAYLAND_DISPLAY rejected (not a plain socket name): "../../root/x"' \
+            "DISPLAY rejected (not of the form :N or :N.M): \":0;touch $kHostileMark;" \
+            'XAUTHORITY rejected (owned by root outside a display manager'"'"'s folder): "/etc/shadow"' \
+            'Notification 108 not shown: session [0-9]* of user id [0-9]* has no usable display'; do
+            expect "logged: $why" inside grep -q " $why" /var/log/notifydaemon.log
+        done
     fi
     sleep 3
     expect "nothing ran from the planted values" inside test ! -e "$kHostileMark"
