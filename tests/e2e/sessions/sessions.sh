@@ -192,6 +192,10 @@ case_plasma_wayland() {
         expect "nothing acknowledged" inside sh -c "! grep -q 'CMD=MESSAGEACK' /root/gateway.out"
         return
     fi
+    expect_receipt 104 alice
+    local authority
+    authority=$(inside sh -c 'ls /run/user/$(id -u alice)/.mutter-Xwaylandauth.*')
+    expect_shown_and_acknowledged 104 mutter alice :1 "$authority" wayland-0
 }
 
 # LightDM: one root X server on :0, its cookie root's; the user's session
@@ -238,11 +242,12 @@ case_sway() {
     add_user alice
     inside sh -c 'mkdir -p /home/alice/.config/sway && printf "%s\n" "output HEADLESS-1 resolution \
         1280x800" "xwayland disable" "default_border none" \
-        "exec sleep infinity" >/home/alice/.config/sway/config &&
+        "bar {" "position top" "}" >/home/alice/.config/sway/config &&
         chown -R alice: /home/alice/.config'
     session nd-sway alice wayland seat0 --setenv=WLR_BACKENDS=headless \
         --setenv=WLR_RENDERER=pixman --setenv=WLR_LIBINPUT_NO_DEVICES=1 -- sway
-    await 30 "sway's Wayland socket" "ls /run/user/\$(id -u alice)/wayland-1"
+    # A session's clients (here its bar) carry WAYLAND_DISPLAY; the compositor does not.
+    await 30 "sway's bar" "pgrep -u alice -x swaybar"
     expect_session nd-sway "Active=yes Class=user Remote=no Seat=seat0 Type=wayland"
     notify 106
     if [ "$mode" = today ]; then
