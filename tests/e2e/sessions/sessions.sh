@@ -236,6 +236,31 @@ case_none() {
     expect_nothing_started
 }
 
+# XRDP: a remote session without a seat, its X server on :10 started in the
+# user's home with "-auth .Xauthority", the cookie the user's; the session's
+# programs know DISPLAY only.
+case_xrdp() {
+    start_bed
+    add_user alice
+    tb copy "$state" "$(dirname "$0")/remote-login" /root
+    inside sh -c "cd /home/alice && xauth -q -f .Xauthority add :10 . \$(mcookie) &&
+        chown alice: .Xauthority && chmod 600 .Xauthority"
+    inside systemd-run --quiet --unit=nd-xrdp /usr/bin/python3 /root/remote-login alice 192.0.2.7 \
+        DISPLAY=:10 -- /bin/bash -c "(exec -a /usr/lib/xorg/Xorg /usr/bin/Xvfb :10 -auth .Xauthority \
+            -nolisten tcp -noreset -screen 0 1280x800x24) & exec sleep infinity"
+    await 15 "X server on :10" "test -S /tmp/.X11-unix/X10"
+    expect_session nd-xrdp "Active=yes Class=user Remote=yes Seat= Type=x11"
+    notify 105
+    if [ "$mode" = today ]; then
+        expect_receipt 105 ""
+        await 10 "display program ended" "! pidof notifymessage"
+        expect "nothing acknowledged" inside sh -c "! grep -q 'CMD=MESSAGEACK' /root/gateway.out"
+        return
+    fi
+    expect_receipt 105 alice
+    expect_shown_and_acknowledged 105 xvfb alice :10 /home/alice/.Xauthority
+}
+
 # Native Wayland: sway headless, no X server at all.
 case_sway() {
     start_bed
