@@ -288,14 +288,16 @@ case_sway() {
 kHostileMark=/tmp/nd-hostile-ran
 case_hostile() {
     start_bed
-    local long
-    long=$(head -c 100000 /dev/zero | tr '\0' x)
+    # PAM sets XDG_RUNTIME_DIR and DBUS_SESSION_BUS_ADDRESS itself: the
+    # 100 kB values are planted by the session's own process.
     session nd-mallory mallory x11 seat0 --property=UtmpIdentifier=:0 --property=UtmpMode=user \
         "--setenv=DISPLAY=:0;touch $kHostileMark;\$(touch $kHostileMark)" \
         --setenv=XAUTHORITY=/etc/shadow --setenv=WAYLAND_DISPLAY=../../root/x \
-        "--setenv=XDG_RUNTIME_DIR=/run/user/0/$long" "--setenv=DBUS_SESSION_BUS_ADDRESS=$long" \
-        -- /bin/bash -c "exec -a /usr/bin/X /usr/bin/python3 -c 'import time; time.sleep(600)' \
+        -- /bin/bash -c "long=\$(head -c 100000 /dev/zero | tr '\\0' x) &&
+            export XDG_RUNTIME_DIR=/run/user/0/\$long DBUS_SESSION_BUS_ADDRESS=unix:path=\$long &&
+            exec -a /usr/bin/X /usr/bin/python3 -c 'import time; time.sleep(600)' \
             ':0;touch $kHostileMark' -auth /etc/shadow"
+    await 10 "the process dressed as an X server" "pgrep -u mallory -f '^/usr/bin/X .*-auth '"
     expect_session nd-mallory "Active=yes Class=user Remote=no Seat=seat0 Type=x11"
     notify 108
     expect_receipt 108 mallory
@@ -304,6 +306,8 @@ case_hostile() {
         for why in 'WAYLAND_DISPLAY rejected (not a plain socket name): "../../root/x"' \
             "DISPLAY rejected (not of the form :N or :N.M): \":0;touch $kHostileMark;" \
             'XAUTHORITY rejected (owned by root outside a display manager'"'"'s folder): "/etc/shadow"' \
+            'XDG_RUNTIME_DIR rejected (longer than 4096 bytes)' \
+            'DBUS_SESSION_BUS_ADDRESS rejected (longer than 4096 bytes)' \
             'Notification 108 not shown: session [0-9]* of user id [0-9]* has no usable display'; do
             expect "logged: $why" inside grep -q " $why" /var/log/notifydaemon.log
         done
