@@ -77,7 +77,10 @@ void RemoveHandedAuthority() {
 
 // Who to become, and (for a root-owned X authority) that display's cookie in a
 // file of the user's own. False with the reason when nobody fits.
-bool ChooseUser(const NotificationRequest& request, DesktopUser& user, std::string& error) {
+// The user to become; for a display manager's root-owned authority file also
+// that display's cookie, read now while still root.
+bool ChooseUser(const NotificationRequest& request, DesktopUser& user,
+                std::vector<AuthorityEntry>& cookies, std::string& error) {
     const char* authority = getenv("XAUTHORITY");
     const char* display = getenv("DISPLAY");
     uid_t owner = 0;
@@ -100,11 +103,17 @@ bool ChooseUser(const NotificationRequest& request, DesktopUser& user, std::stri
     if (!found || !hasAuthority || owner != 0) {
         return found;
     }
-    std::vector<AuthorityEntry> cookies;
-    const int number = DisplayNumber(display != nullptr ? display : "");
+    return ReadDisplayCookies(authority, DisplayNumber(display != nullptr ? display : ""), cookies,
+                              error);
+}
+
+// Written as the user, not as root: root would need to override the
+// permissions of the user's private folder (the service's confinement takes
+// that right away), and a file made by the user cannot be a planted link.
+bool HandOver(const std::vector<AuthorityEntry>& cookies, const DesktopUser& user,
+              std::string& error) {
     const std::string runtime = "/run/user/" + std::to_string(user.uid);
-    if (!ReadDisplayCookies(authority, number, cookies, error) ||
-        !WriteUserAuthority(cookies, runtime, user.uid, user.gid, gHandedAuthority, error)) {
+    if (!WriteUserAuthority(cookies, runtime, user.uid, user.gid, gHandedAuthority, error)) {
         return false;
     }
     setenv("XAUTHORITY", gHandedAuthority.c_str(), 1);
@@ -121,10 +130,14 @@ int main() {
     DesktopUser user;
     std::string error;
     if (RunningWithRoot()) {
-        if (!ChooseUser(request, user, error) || !BecomeUser(user, error)) {
+        std::vector<AuthorityEntry> cookies;
+        if (!ChooseUser(request, user, cookies, error) || !BecomeUser(user, error)) {
             Complain(error + "; refusing to run as root");
-            RemoveHandedAuthority();
             return kExitRefused;
+        }
+        if (!cookies.empty() && !HandOver(cookies, user, error)) {
+            Complain(error);
+            return kExitFailed;
         }
     } else if (!CurrentUser(user, error)) {
         Complain(error);

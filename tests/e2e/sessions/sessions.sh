@@ -116,9 +116,8 @@ expect_shown_and_acknowledged() {
         --out /root/shot.png || fail "screenshot"
     inside cat /root/shot.png >"$ND_WORK/shots/$step.png"
     if [ "$kind" = sway ]; then
-        local bx by
-        read -r bx by < <("$ND_PROBE" button "$w" "$h")
-        inside /usr/bin/python3 /root/desktop click --state "$desk" $((x + bx)) $((y + by))
+        # No keyboard injection on sway and no accessibility bus in the bed.
+        fail "cannot press the button on sway yet"
     else
         inside /usr/bin/python3 /root/desktop run --state "$desk" -- xdotool windowfocus --sync \
             "$window" sleep 0.3 key Tab sleep 0.2 key Return
@@ -213,14 +212,6 @@ case_lightdm() {
     expect_session nd-xfce "Active=yes Class=user Remote=no Seat=seat0 Type=x11"
     notify 103
     expect_receipt 103 alice
-    if [ "$mode" = today ]; then
-        # The display program, still root, cannot write the user's copy of
-        # root's cookie into /run/user/UID: the unit grants no
-        # CAP_DAC_OVERRIDE. It refuses; nothing is shown.
-        await 10 "display program refused" "! pidof notifymessage"
-        expect "nothing acknowledged" inside sh -c "! grep -q 'CMD=MESSAGEACK' /root/gateway.out"
-        return
-    fi
     expect_shown_and_acknowledged 103 xvfb alice :0 /home/alice/.Xauthority
 }
 
