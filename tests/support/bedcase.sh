@@ -39,25 +39,32 @@ boot() {
     trap 'tb stop "$state"' EXIT
     tb boot "$bed" "$state"
     tb copy "$state" "$deb" "$ND_DEVGATEWAY" /root
+    inside sh -c 'printf "logo=bed\n" >/root/custom.txt'
 }
 
 # Lines appended to /root/gateway.in are the gateway's commands,
-# /root/gateway.out what it saw.
+# /root/gateway.out what it saw; it serves /root/custom.txt as the
+# customisation file.
 start_gateway() {
     inside touch /root/gateway.in
     inside systemd-run --quiet --unit=devgateway --property=StandardOutput=file:/root/gateway.out \
-        sh -c "tail -f /root/gateway.in | exec /root/devgateway --port $kBedPort --cmpi 2"
+        sh -c "tail -f /root/gateway.in | exec /root/devgateway --port $kBedPort --cmpi 2 \
+            --serve notify-customization.lnk=/root/custom.txt"
     await 10 "gateway listening" "grep -q '^listening on 127.0.0.1:$kBedPort' /root/gateway.out"
 }
 
 gateway() { inside sh -c 'printf "%s\n" "$1" >>/root/gateway.in' sh "$1"; }
 
+apt_get() {
+    inside sh -c 'cd /root && DEBIAN_FRONTEND=noninteractive apt-get -y -q "$@"' sh "$@" \
+        >"$state/apt.out" 2>&1 || { cat "$state/apt.out" >&2; fail "apt-get $*"; }
+}
+
 # As an admin does it: install, write config.dat (the gateway section, then
 # EXTRA verbatim), enable and start; then wait for the registration.
 install_and_start() {
     local extra=${1:-}
-    inside sh -c 'cd /root && DEBIAN_FRONTEND=noninteractive apt-get -y -q install "./$1"' sh \
-        "$(basename "$deb")" >"$state/apt.out" 2>&1 || { cat "$state/apt.out" >&2; fail "apt-get install"; }
+    apt_get install "./$(basename "$deb")"
     local stored
     stored=$(inside /usr/sxa/daemon/notifykey "$kBedKey")
     inside sh -c 'printf "[gateway]\ngatewayip=127.0.0.1\ngatewayport=%s\ngatewaykey=%s\n%s" \

@@ -12,74 +12,10 @@ deb=$ND_WORK/deb/notifydaemon_${ND_VERSION}_amd64.deb
 next_version=${ND_VERSION}+1
 next_deb=$ND_WORK/deb/next/notifydaemon_${next_version}_amd64.deb
 state=$ND_WORK/run/$step
-key=Bed-Key-15bytes
-port=9000
-
-tb() { "$ND_TESTBED" "$@"; }
-inside() { tb run "$state" "$@"; }
-
-fail() {
-    echo "FAIL ($step): $*" >&2
-    if [ -f "$state/leader" ]; then
-        inside sh -c 'systemctl status --no-pager notifydaemon.service; journalctl -b --no-pager -n 40
-            echo "-- daemon log"; cat /var/log/notifydaemon.log
-            echo "-- gateway"; tail -n 30 /root/gateway.out' >&2 || true
-    fi
-    exit 1
-}
-
-expect() {
-    local what=$1
-    shift
-    "$@" || fail "$what"
-}
-
-# Until the shell snippet succeeds inside.
-await() {
-    tb wait "$state" "$1" sh -c "$3" || fail "$2 (not within $1 s)"
-}
+# shellcheck source=tests/support/bedcase.sh
+source "$ND_SUPPORT/bedcase.sh"
 
 show() { inside systemctl show -P "$1" notifydaemon.service; }
-
-boot() {
-    local bed
-    bed=$(tb build "$ND_BED_CACHE" "$deb")
-    rm -rf "$state"
-    trap 'tb stop "$state"' EXIT
-    tb boot "$bed" "$state"
-    tb copy "$state" "$deb" "$ND_DEVGATEWAY" /root
-    inside sh -c 'printf "logo=bed\n" >/root/custom.txt'
-}
-
-# The development gateway as a service inside; lines appended to
-# /root/gateway.in are its commands, /root/gateway.out what it saw.
-start_gateway() {
-    inside touch /root/gateway.in
-    inside systemd-run --quiet --unit=devgateway --property=StandardOutput=file:/root/gateway.out \
-        sh -c "tail -f /root/gateway.in | exec /root/devgateway --port $port --cmpi 2 \
-            --serve notify-customization.lnk=/root/custom.txt"
-    await 10 "gateway listening" "grep -q '^listening on 127.0.0.1:$port' /root/gateway.out"
-}
-
-gateway() { inside sh -c 'printf "%s\n" "$1" >>/root/gateway.in' sh "$1"; }
-
-apt_get() {
-    inside sh -c 'cd /root && DEBIAN_FRONTEND=noninteractive apt-get -y -q "$@"' sh "$@" \
-        >"$state/apt.out" 2>&1 || { cat "$state/apt.out" >&2; fail "apt-get $*"; }
-}
-
-# As an admin does it: install, write config.dat with notifykey's output,
-# enable and start; then wait for the daemon's registration at the gateway.
-install_and_start() {
-    apt_get install "./$(basename "$deb")"
-    local stored
-    stored=$(inside /usr/sxa/daemon/notifykey "$key")
-    inside sh -c 'printf "[gateway]\ngatewayip=127.0.0.1\ngatewayport=%s\ngatewaykey=%s\n" "$1" "$2" \
-        >/usr/sxa/daemon/config.dat' sh "$port" "$stored"
-    start_gateway
-    inside systemctl enable --now notifydaemon.service 2>/dev/null || fail "systemctl enable --now"
-    await 40 "daemon registered" "grep -q ' Started up successfully\.$' /var/log/notifydaemon.log"
-}
 
 fetch_customisation() {
     gateway "fileinfo notify-customization.lnk sxa-custom.dat $1"
@@ -133,7 +69,7 @@ case_notify() {
     open=$(inside grep -m 1 -F 'CMD=OPEN ' /root/gateway.out)
     # The transport upper-cases the clear key before deriving its wire form.
     expect "registered with the key notifykey stored: $open" \
-        grep -qF " GSK=$("$ND_PROBE" wire-key "${key^^}") " <<<"$open"
+        grep -qF " GSK=$("$ND_PROBE" wire-key "${kBedKey^^}") " <<<"$open"
     fetch_customisation 1000
     expect "customisation readable by all" [ "$(inside stat -c %a /var/cache/notifydaemon/custom.dat)" = 644 ]
 
