@@ -95,6 +95,12 @@ expect_nothing_started() {
     done
 }
 
+# Started but shown to nobody: the display program ends unacknowledged.
+expect_nothing_shown() {
+    await 10 "display program ended" "! pidof notifymessage"
+    expect "nothing acknowledged" inside sh -c "! grep -q 'CMD=MESSAGEACK' /root/gateway.out"
+}
+
 # The display program's window on the session described by ENV lines
 # ("KIND USER DISPLAY XAUTHORITY WAYLAND_DISPLAY"), screenshot kept, then
 # acknowledged: by keyboard on X (Tab reaches the button, Return presses it),
@@ -166,8 +172,7 @@ case_gnome_xorg() {
         # gives it with ":0.0": the greeter's server refuses it. No name: no
         # login record on ":0".
         expect_receipt 102 ""
-        await 10 "display program ended" "! pidof notifymessage"
-        expect "nothing acknowledged" inside sh -c "! grep -q 'CMD=MESSAGEACK' /root/gateway.out"
+        expect_nothing_shown
         return
     fi
     expect_receipt 102 alice
@@ -187,8 +192,7 @@ case_plasma_wayland() {
         # The probe finds the greeter's server; its cookie is root's and no
         # login record is on ":0", so the display program refuses.
         expect_receipt 104 ""
-        await 10 "display program ended" "! pidof notifymessage"
-        expect "nothing acknowledged" inside sh -c "! grep -q 'CMD=MESSAGEACK' /root/gateway.out"
+        expect_nothing_shown
         return
     fi
     expect_receipt 104 alice
@@ -244,8 +248,7 @@ case_xrdp() {
     notify 105
     if [ "$mode" = today ]; then
         expect_receipt 105 ""
-        await 10 "display program ended" "! pidof notifymessage"
-        expect "nothing acknowledged" inside sh -c "! grep -q 'CMD=MESSAGEACK' /root/gateway.out"
+        expect_nothing_shown
         return
     fi
     expect_receipt 105 alice
