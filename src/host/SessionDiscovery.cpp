@@ -13,6 +13,7 @@
 #include <systemd/sd-login.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -29,7 +30,6 @@ constexpr const char* kLogindService = "org.freedesktop.login1";
 constexpr const char* kSessionInterface = "org.freedesktop.login1.Session";
 constexpr const char* kSessionPathPrefix = "/org/freedesktop/login1/session";
 constexpr int kMaxSessions = 1024;
-constexpr size_t kStatReadLimit = 1024;
 // Environments read at most per notification (each up to kEnvironLimit).
 constexpr int kMaxEnvironmentsRead = 64;
 constexpr size_t kPasswordBufferSize = 16384;
@@ -99,78 +99,71 @@ std::string UserName(uid_t uid) {
     return entry.pw_name;
 }
 
-struct ProcessInfo {
-    pid_t parent = 0;
-    uid_t uid = 0;
-    gid_t gid = 0;
-};
+// Where a process stands towards the target session.
+enum class Membership { kNone, kScope, kUserManager };
 
-// pid -> parent and owner, for at most kMaxProcessesScanned processes.
-std::map<pid_t, ProcessInfo> ListProcesses() {
-    std::map<pid_t, ProcessInfo> processes;
+// Desktops double-fork their clients (reparented to PID 1) and GNOME runs its
+// shell under the user's service manager, so descent from the leader misses
+// them; logind's own cgroup placement says which processes are the session's.
+Membership SessionMembership(pid_t pid, const std::string& id, uid_t uid) {
+    char* text = nullptr;
+    if (sd_pid_get_session(pid, &text) >= 0) {
+        return Owned(text) == id ? Membership::kScope : Membership::kNone;
+    }
+    uid_t owner = 0;
+    if (sd_pid_get_user_unit(pid, &text) >= 0) {
+        free(text);
+        if (sd_pid_get_owner_uid(pid, &owner) >= 0 && owner == uid) {
+            return Membership::kUserManager;
+        }
+    }
+    return Membership::kNone;
+}
+
+// The session's processes owned by `uid`, with their group: the leader, the
+// rest of its scope by pid, then the user's service manager's (which the
+// user's other sessions share, so only as a fall-back). At most
+// kMaxProcessesScanned entries of /proc are looked at.
+std::vector<std::pair<pid_t, gid_t>> SessionProcesses(pid_t leader, const std::string& id,
+                                                      uid_t uid) {
+    std::vector<std::pair<pid_t, gid_t>> scope;
+    std::vector<std::pair<pid_t, gid_t>> manager;
     DIR* proc = opendir("/proc");
     if (proc == nullptr) {
-        return processes;
+        return scope;
     }
+    int scanned = 0;
     while (const dirent* entry = readdir(proc)) {
-        if (processes.size() >= size_t(kMaxProcessesScanned)) {
+        if (++scanned > kMaxProcessesScanned) {
             break;
         }
         char* end = nullptr;
         const long pid = strtol(entry->d_name, &end, 10);
-        if (pid <= 0 || *end != '\0') {
-            continue;
-        }
-        const int fd = openat(dirfd(proc), (std::string(entry->d_name) + "/stat").c_str(),
-                              O_RDONLY | O_CLOEXEC);
-        if (fd < 0) {
-            continue;
-        }
-        char text[kStatReadLimit + 1];
-        const ssize_t length = read(fd, text, kStatReadLimit);
         struct stat info;
-        const bool owned = fstat(fd, &info) == 0;
-        close(fd);
-        if (length <= 0 || !owned) {
+        if (pid <= 0 || *end != '\0' || fstatat(dirfd(proc), entry->d_name, &info, 0) != 0 ||
+            info.st_uid != uid) {
             continue;
         }
-        text[length] = '\0';
-        // "pid (comm) state ppid ...": comm may hold anything, so after its last ')'.
-        const char* commEnd = strrchr(text, ')');
-        int parent = 0;
-        if (commEnd != nullptr && sscanf(commEnd + 1, " %*c %d", &parent) == 1) {
-            processes[pid_t(pid)] = ProcessInfo{pid_t(parent), info.st_uid, info.st_gid};
+        switch (SessionMembership(pid_t(pid), id, uid)) {
+        case Membership::kScope:
+            scope.emplace_back(pid_t(pid), info.st_gid);
+            break;
+        case Membership::kUserManager:
+            manager.emplace_back(pid_t(pid), info.st_gid);
+            break;
+        case Membership::kNone:
+            break;
         }
     }
     closedir(proc);
-    return processes;
-}
-
-// The leader and its descendants owned by `uid`, breadth first, with their
-// group.
-std::vector<std::pair<pid_t, gid_t>> SessionProcesses(pid_t leader, uid_t uid) {
-    const std::map<pid_t, ProcessInfo> processes = ListProcesses();
-    std::multimap<pid_t, pid_t> children;
-    for (const auto& process : processes) {
-        children.emplace(process.second.parent, process.first);
-    }
-    std::vector<std::pair<pid_t, gid_t>> owned;
-    std::vector<pid_t> level = {leader};
-    for (int depth = 0; depth <= kMaxProcessDepth && !level.empty(); ++depth) {
-        std::vector<pid_t> next;
-        for (pid_t pid : level) {
-            const auto found = processes.find(pid);
-            if (found != processes.end() && found->second.uid == uid) {
-                owned.emplace_back(pid, found->second.gid);
-            }
-            const auto range = children.equal_range(pid);
-            for (auto child = range.first; child != range.second; ++child) {
-                next.push_back(child->second);
-            }
-        }
-        level.swap(next);
-    }
-    return owned;
+    const auto byPid = [leader](const std::pair<pid_t, gid_t>& a,
+                                const std::pair<pid_t, gid_t>& b) {
+        return (a.first == leader) != (b.first == leader) ? a.first == leader : a.first < b.first;
+    };
+    std::sort(scope.begin(), scope.end(), byPid);
+    std::sort(manager.begin(), manager.end(), byPid);
+    scope.insert(scope.end(), manager.begin(), manager.end());
+    return scope;
 }
 
 // Another user's environment may be read only with CAP_SYS_PTRACE, which the
@@ -214,7 +207,7 @@ std::string ReadEnviron(pid_t pid, uid_t uid, gid_t gid) {
 bool SessionVariables(pid_t leader, uid_t uid, const std::string& id,
                       std::map<std::string, std::string>& found) {
     int read = 0;
-    for (const auto& [pid, gid] : SessionProcesses(leader, uid)) {
+    for (const auto& [pid, gid] : SessionProcesses(leader, id, uid)) {
         if (++read > kMaxEnvironmentsRead) {
             break;
         }

@@ -14,9 +14,8 @@
 
 namespace vel {
 
-// Processes looked at in /proc, and the depth below the session leader.
+// Entries of /proc looked at per notification.
 constexpr int kMaxProcessesScanned = 4096;
-constexpr int kMaxProcessDepth = 32;
 
 struct DesktopSession {
     std::string id;
