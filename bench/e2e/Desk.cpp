@@ -21,6 +21,7 @@
 
 #include "BenchPaths.h"
 #include "E2E.h"
+#include "Stats.h"
 
 namespace bench {
 
@@ -91,10 +92,6 @@ bool Desk::SetUpDesktop() {
     if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
         return false;
     }
-    mkdir(kBenchDir, 0755);
-    if (!CopyExecutable(m_programs.display, e2e::kDisplayPath)) {
-        return false;
-    }
     const pid_t login = Spawn(m_programs.stub, {m_programs.stub, "--login", kDesktopUser});
     int status = 0;
     if (login <= 0 || waitpid(login, &status, 0) != login || status != 0) {
@@ -107,7 +104,12 @@ bool Desk::SetUpDesktop() {
         return ReadFile("/proc/" + std::to_string(xServer) + "/cmdline")
                    .compare(0, 10, "/usr/bin/X") == 0;
     };
-    if (m_xServer <= 0 || !WaitUntil(execd, 5000)) {
+    return m_xServer > 0 && WaitUntil(execd, 5000) && ListenForDisplays();
+}
+
+bool Desk::ListenForDisplays() {
+    mkdir(kBenchDir, 0755);
+    if (!CopyExecutable(m_programs.display, e2e::kDisplayPath)) {
         return false;
     }
     m_displaySocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -137,11 +139,32 @@ void Desk::OnGatewayEvent(const std::string& line) {
     m_changed.notify_all();
 }
 
-void Desk::WriteSettings(int port) {
+void Desk::WriteSettings(int port, const std::string& uiLines) {
     e2e::WriteSettings(
         port, kClearKey,
         "department=Benchmarks\n[agent]\nUpdateInterval=60\n"
-        "[UI]\nFullScreen=0\nFullScreenTimeout=30\nLargeLogoPath=/usr/sxa/logo.png\n");
+        "[UI]\nFullScreen=0\nFullScreenTimeout=30\nLargeLogoPath=/usr/sxa/logo.png\n" +
+            uiLines);
+}
+
+bool Desk::Notify(int id, Trip& trip) {
+    const std::string text = "Benchmark notification " + std::to_string(id);
+    const long long sent = NowNs();
+    if (!m_gateway->SendNotification(id, text, "30|Benchmark", "1")) {
+        return false;
+    }
+    const long long received = WaitForEvent("MESSAGERECEIVED", id, sent, kDeskReplyTimeoutMs);
+    const long long shown = WaitForDisplay(id, kDeskReplyTimeoutMs);
+    const long long acked = WaitForEvent("MESSAGEACK", id, sent, kDeskReplyTimeoutMs);
+    if (received == 0 || shown == 0 || acked == 0) {
+        fprintf(stderr, "bench: notification %d: no %s\n", id,
+                received == 0 ? "receipt"
+                : shown == 0  ? "display"
+                              : "acknowledgement");
+        return false;
+    }
+    trip = {Ms(shown - sent), Ms(received - sent), Ms(acked - sent)};
+    return true;
 }
 
 pid_t Desk::StartDaemon(const std::string& binary) {

@@ -25,6 +25,15 @@ namespace bench {
 long long NowNs();
 void SleepMs(int milliseconds);
 
+constexpr int kDeskReplyTimeoutMs = 10000;
+
+// One notification's trip, in milliseconds from the gateway's write.
+struct Trip {
+    double display = 0;  // -> the display program's main
+    double received = 0; // -> CMD=MESSAGERECEIVED at the gateway
+    double acked = 0;    // -> CMD=MESSAGEACK at the gateway
+};
+
 struct Programs {
     std::string stub;    // X server and login-record stand-in
     std::string display; // bench_display
@@ -44,12 +53,17 @@ public:
     explicit Desk(Programs programs);
     ~Desk(); // kills the daemon, its display programs and the X server
 
+    // The sandbox's desktop: a login record and an X server stand-in for
+    // "alice" on ":0", then ListenForDisplays().
     bool SetUpDesktop();
+    // Installs the timing display program and listens for its reports.
+    bool ListenForDisplays();
     // A gateway on a free port; its port.
     int StartGateway();
     void StopGateway();
     devgw::DevGateway& Gateway() { return *m_gateway; }
-    void WriteSettings(int port);
+    // The settings file for the gateway on `port`; `uiLines` join [UI].
+    void WriteSettings(int port, const std::string& uiLines = "");
 
     // Copies the binary to the install path and starts it; the daemon's pid
     // once the pid file names it, else -1. m_spawnNs is when it was started.
@@ -66,6 +80,10 @@ public:
     long long WaitForEvent(const std::string& command, int id, long long since, int timeoutMs);
     int CountEvents(const std::string& command, long long since, long long until);
     void ForgetEvents();
+
+    // Sends notification `id` and waits for its display program, receipt and
+    // acknowledgement; false (with a line on stderr) when one is missing.
+    bool Notify(int id, Trip& trip);
 
     // Start time the display program reported for a message id; 0 on timeout.
     long long WaitForDisplay(int id, int timeoutMs);

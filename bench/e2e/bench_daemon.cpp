@@ -29,6 +29,7 @@
 #include "BenchPaths.h"
 #include "Desk.h"
 #include "Footprint.h"
+#include "Stats.h"
 #include "host/ForkProcess.h"
 #include "host/MachineDetails.h"
 #include "host/PipeSubprocess.h"
@@ -36,47 +37,12 @@
 namespace bench {
 namespace {
 
-constexpr int kReplyTimeoutMs = 10000;
+constexpr int kReplyTimeoutMs = kDeskReplyTimeoutMs;
 constexpr int kRealStartTimeoutMs = 30000;
 constexpr int kWarmUp = 5;
 constexpr int kFirstId = 1000;
 constexpr int kFirstBurstId = 100000;
 constexpr int kSettleMs = 2000;
-
-double Ms(long long ns) {
-    return double(ns) / 1e6;
-}
-
-void Result(const std::string& name, double value, const char* unit) {
-    printf("RESULT %s %.3f %s\n", name.c_str(), value, unit);
-}
-
-// Nearest-rank percentile of values in milliseconds.
-double Percentile(std::vector<double> values, double p) {
-    if (values.empty()) {
-        return 0;
-    }
-    std::sort(values.begin(), values.end());
-    size_t rank = size_t(p / 100.0 * double(values.size()) + 0.999999);
-    rank = std::min(std::max(rank, size_t(1)), values.size());
-    return values[rank - 1];
-}
-
-void ReportDistribution(const std::string& name, const std::string& what,
-                        const std::vector<double>& ms) {
-    double sum = 0;
-    for (double v : ms) {
-        sum += v;
-    }
-    const double mean = ms.empty() ? 0 : sum / double(ms.size());
-    printf("   %-44s n=%zu  p50 %7.2f  p90 %7.2f  p99 %7.2f  max %7.2f  mean %7.2f ms\n",
-           what.c_str(), ms.size(), Percentile(ms, 50), Percentile(ms, 90), Percentile(ms, 99),
-           Percentile(ms, 100), mean);
-    Result(name + ".p50", Percentile(ms, 50), "ms");
-    Result(name + ".p99", Percentile(ms, 99), "ms");
-    Result(name + ".mean", mean, "ms");
-    Result(name + ".max", Percentile(ms, 100), "ms");
-}
 
 Programs BuiltPrograms() {
     return {ND_STUB_PATH, ND_BENCH_DISPLAY_PATH, ND_REAL_DAEMON_PATH, ND_FAST_DAEMON_PATH};
@@ -119,45 +85,19 @@ bool ReportStartUp(Desk& desk, const std::string& name, int timeoutMs, bool prin
     return true;
 }
 
-struct Trip {
-    double display = 0;  // gateway write -> display program's main
-    double received = 0; // gateway write -> CMD=MESSAGERECEIVED at the gateway
-    double acked = 0;    // gateway write -> CMD=MESSAGEACK at the gateway
-};
-
-bool OneNotification(Desk& desk, int id, Trip& trip) {
-    const std::string text = "Benchmark notification " + std::to_string(id);
-    const long long sent = NowNs();
-    if (!desk.Gateway().SendNotification(id, text, "30|Benchmark", "1")) {
-        return false;
-    }
-    const long long received = desk.WaitForEvent("MESSAGERECEIVED", id, sent, kReplyTimeoutMs);
-    const long long shown = desk.WaitForDisplay(id, kReplyTimeoutMs);
-    const long long acked = desk.WaitForEvent("MESSAGEACK", id, sent, kReplyTimeoutMs);
-    if (received == 0 || shown == 0 || acked == 0) {
-        fprintf(stderr, "bench: notification %d: no %s\n", id,
-                received == 0 ? "receipt"
-                : shown == 0  ? "display"
-                              : "acknowledgement");
-        return false;
-    }
-    trip = {Ms(shown - sent), Ms(received - sent), Ms(acked - sent)};
-    return true;
-}
-
 bool Latency(Desk& desk, int count) {
     printf("\n== Latency: %d notifications, one at a time (each waits for its acknowledgement)\n",
            count);
     Trip trip;
     for (int i = 0; i < kWarmUp; ++i) {
-        if (!OneNotification(desk, kFirstId - kWarmUp + i, trip)) {
+        if (!desk.Notify(kFirstId - kWarmUp + i, trip)) {
             return false;
         }
     }
     std::vector<double> display, received, acked;
     const CpuTotals cpuBefore = ReadCpuTotals(desk.DaemonPid());
     for (int i = 0; i < count; ++i) {
-        if (!OneNotification(desk, kFirstId + i, trip)) {
+        if (!desk.Notify(kFirstId + i, trip)) {
             return false;
         }
         display.push_back(trip.display);
