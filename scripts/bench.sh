@@ -12,13 +12,16 @@
 #   1. the end-to-end latency phase alone: the shipped daemon with its real
 #      timing against the development gateway inside tests/support/sandbox,
 #      200 notifications one at a time, a burst of 100, the steps one by one;
-#   2. start-up with the test timing seam, 10 runs;
+#   2. start-up with the test timing seam, 10 runs; then, in the booted test
+#      bed (bench/e2e/session.sh, its package built by ctest), the desktop
+#      lookup and the installed daemon's path, today's probe beside session
+#      discovery, 200 each;
 #   3. together (they hardly use the CPU, so they do not disturb each other):
 #      60 s idle connected then 60 s reconnecting, 60 s unreachable at
 #      start-up (each daemon in a sandbox of its own), and the micro-benchmarks.
 # Results go to build/bench/results/<time>/ (one log per phase, summary.txt)
 # and the summary is printed. Every process started here ends with its
-# sandbox or is waited for; nothing is left running. About five minutes on
+# sandbox or is waited for; nothing is left running. About seven minutes on
 # two shared cores, plus the first build.
 # ND_BUILD_JOBS limits the parallel build (default 2). "bash scripts/bench.sh
 # display" runs phase 0 only.
@@ -47,7 +50,7 @@ echo "== Building into $build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNOTIFY_BENCH=ON \
     -DBUILD_TESTING=ON >/dev/null
 targets=(bench_display_start notifymessage)
-[ "${1:-}" = display ] || targets+=(bench_micro bench_daemon)
+[ "${1:-}" = display ] || targets+=(bench_micro bench_daemon bench_session)
 cmake --build "$build" -j "${ND_BUILD_JOBS:-2}" --target "${targets[@]}" >/dev/null
 
 # The Xlib display program that the GTK one replaced, from the history, to be
@@ -112,6 +115,14 @@ show latency
 echo "== 2/3 Start-up with the test timing seam"
 phase startup timeout 120 "$sandbox" --hostname bench-desk -- "$harness" startup 10
 show startup
+if (cd "$build" && ctest -R '^system_package$' >/dev/null); then
+    phase session timeout 600 bash "$root/bench/e2e/session.sh" "$build" 200
+else
+    echo "bench: the package did not build; the session phase is skipped" >&2
+    status=1
+    : >"$out/session.txt"
+fi
+show session
 
 echo "== 3/3 Idle footprint (2 x 60 s and 60 s) beside the micro-benchmarks"
 phase idle timeout 300 "$sandbox" --hostname bench-idle -- "$harness" idle 60 &
@@ -142,7 +153,7 @@ fi
 machine | tee "$out/machine-end.txt"
 {
     cat "$out/machine-start.txt"
-    cat "$out/display.txt" "$out/latency.txt" "$out/startup.txt" "$out/idle.txt" "$out/unreachable.txt" |
+    cat "$out/display.txt" "$out/latency.txt" "$out/startup.txt" "$out/session.txt" "$out/idle.txt" "$out/unreachable.txt" |
         sed -n 's/^RESULT //p'
     cat "$out/micro-summary.txt" "$out/machine-end.txt"
 } >"$out/summary.txt"
