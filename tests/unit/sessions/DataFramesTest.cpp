@@ -1,7 +1,5 @@
 // Sessions set up by the gateway, data frames out (the broadcast walk too),
 // pause counting, and the bounds on frames in.
-#include <stdlib.h>
-
 #include <atomic>
 #include <regex>
 #include <string>
@@ -9,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "TransportFixtures.h"
-#include "transport/yenc.h"
 
 namespace {
 
@@ -145,19 +142,13 @@ TEST(ReceivedFrames, DeclaredLengthIsBoundedByTheDecodedBytes) {
         for (const auto& c : cases) {
             Harness h(kControlType, 1);
             h.Attach(0, 21, 1);
-            const auto* bytes = reinterpret_cast<const unsigned char*>(c.payload.data());
             if (bare) {
-                char* text = nullptr;
-                yEncode(bytes, int(c.payload.size()), &text);
-                std::string body =
-                    "CID=21\nSEQ=1\nCRC=0\nLEN=" + c.length + "\nDATA=" + text + "\n";
-                free(text);
+                std::string body = "CID=21\nSEQ=1\nCRC=0\nLEN=" + c.length +
+                                   "\nDATA=" + transport_test::YEnc(c.payload) + "\n";
                 EXPECT_EQ(h.ctl->ProcessNCData(&body[0], int(body.size()), *h.link), 1);
             } else {
-                char* text = Encode64(bytes, int(c.payload.size()));
                 h.Dispatch("CMD=NC_DATA\nCONNECTION_ID=21\nNC_LEN=" + c.length +
-                           "\nNC_DATA=" + text + "\n");
-                free(text);
+                           "\nNC_DATA=" + transport_test::Base64(c.payload) + "\n");
             }
             const auto got = h.app.Of(kCtlDataReceived);
             ASSERT_EQ(got.size(), c.delivered == "-" ? 0u : 1u) << bare << " LEN=" << c.length;
