@@ -9,7 +9,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utmp.h>
 
+#include <algorithm>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -36,6 +39,32 @@ inline void Install(const std::string& from, const std::string& to) {
     unlink(to.c_str());
     WriteFile(to, ReadFile(from));
     chmod(to.c_str(), 0755);
+}
+
+// One login record (utmp) as the C library writes it; fields are cut to fit.
+struct Login {
+    const char* user;
+    const char* line;
+    const char* id = "";
+    const char* host = "";
+    short type = USER_PROCESS;
+};
+
+inline std::string LoginRecords(const std::vector<Login>& logins) {
+    const auto copy = [](auto& field, const char* text) {
+        memcpy(field, text, std::min(strlen(text), sizeof field));
+    };
+    std::string bytes;
+    for (const Login& login : logins) {
+        utmp record{};
+        record.ut_type = login.type;
+        copy(record.ut_user, login.user);
+        copy(record.ut_line, login.line);
+        copy(record.ut_id, login.id);
+        copy(record.ut_host, login.host);
+        bytes.append(reinterpret_cast<const char*>(&record), sizeof record);
+    }
+    return bytes;
 }
 
 // A fresh directory under /tmp, removed with its contents.

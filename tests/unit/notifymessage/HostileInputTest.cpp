@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utmp.h>
 #include <zlib.h>
 
 #include <chrono>
@@ -182,20 +181,12 @@ TEST(DisplayNumber, NamesOnlyWholeDisplays) {
 }
 
 TEST_F(TempDir, TheDisplaysUserComesFromTheLoginRecords) {
-    std::string bytes;
-    auto add = [&](short type, const char* user, const char* line, const char* host) {
-        utmp entry{};
-        entry.ut_type = type;
-        strncpy(entry.ut_user, user, sizeof entry.ut_user);
-        strncpy(entry.ut_line, line, sizeof entry.ut_line);
-        strncpy(entry.ut_host, host, sizeof entry.ut_host);
-        bytes.append(reinterpret_cast<const char*>(&entry), sizeof entry);
-    };
-    add(USER_PROCESS, "root", "tty1", "");
-    add(DEAD_PROCESS, "daemon", ":0", ":0");
-    add(USER_PROCESS, "nobody", "tty7", ":0");
-    add(USER_PROCESS, "bin", ":1", ":1");
-    const std::string records = Write("utmp", bytes);
+    const std::string records = Write("utmp", hosttest::LoginRecords({
+                                                  {"root", "tty1"},
+                                                  {"daemon", ":0", "", ":0", DEAD_PROCESS},
+                                                  {"nobody", "tty7", "", ":0"},
+                                                  {"bin", ":1", "", ":1"},
+                                              }));
 
     DesktopUser user;
     std::string error;
