@@ -3,6 +3,7 @@
 #include <atomic>
 #include <regex>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -102,19 +103,17 @@ TEST(Pause, CountsOncePerChangeAndOnlyForEstablishedSessions) {
     Harness h(kControlType, 3);
     h.Attach(0, 10, 2);
     h.Attach(1, 11, 1);
+    // Session (2 was set up by the gateway: it takes no part), pause or
+    // release, result, the link's count after it.
+    const std::tuple<int, bool, int, int> steps[] = {
+        {1, true, 0, 1}, {1, true, 0, 1}, {1, false, 0, 0}, {1, false, 0, 0},
+        {1, true, 0, 1}, {2, true, 0, 1}, {0, true, -1, 1}, {4, true, -1, 1},
+    };
     std::atomic<int>& paused = h.link->m_sessions_paused;
-    EXPECT_EQ(h.ctl->Pause(1, true), 0);
-    EXPECT_EQ(h.ctl->Pause(1, true), 0);
-    EXPECT_EQ(paused.load(), 1);
-    EXPECT_EQ(h.ctl->Pause(1, false), 0);
-    EXPECT_EQ(h.ctl->Pause(1, false), 0);
-    EXPECT_EQ(paused.load(), 0);
-    EXPECT_EQ(h.ctl->Pause(1, true), 0);
-    EXPECT_EQ(paused.load(), 1);
-    EXPECT_EQ(h.ctl->Pause(2, true), 0); // set up by the gateway: takes no part
-    EXPECT_EQ(paused.load(), 1);
-    EXPECT_EQ(h.ctl->Pause(0, true), -1);
-    EXPECT_EQ(h.ctl->Pause(4, true), -1);
+    for (const auto& [session, pause, result, count] : steps) {
+        EXPECT_EQ(h.ctl->Pause(session, pause), result) << session << " " << pause;
+        EXPECT_EQ(paused.load(), count) << session << " " << pause;
+    }
     h.ctl->Hangup(1);
     EXPECT_EQ(paused.load(), 0);
     EXPECT_EQ(h.ctl->Pause(1, false), 0);
