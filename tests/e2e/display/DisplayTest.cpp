@@ -9,13 +9,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <zlib.h>
 
 #include <deque>
 #include <filesystem>
 #include <regex>
 #include <set>
 
+#include "Acknowledgement.h"
 #include "Desktop.h"
 #include "DevGateway.h"
 #include "E2E.h"
@@ -37,16 +37,10 @@ std::string Server() {
     return kind != nullptr ? kind : "xvfb";
 }
 
-// The record for an acknowledgement, byte for byte: id, flags, name length,
-// name and its NUL, in host byte order.
-std::string Record(int32_t id, const std::string& user) {
-    const int32_t flags = 1;
-    const uint32_t length = uint32_t(user.size());
-    std::string record(12, '\0');
-    memcpy(&record[0], &id, 4);
-    memcpy(&record[4], &flags, 4);
-    memcpy(&record[8], &length, 4);
-    return record + user + '\0';
+// The record the program sends for a click (built byte for byte as its unit
+// tests pin it): acknowledged, by the desktop user.
+std::string Record(int32_t id) {
+    return notifymsg::BuildAcknowledgement(id, 1, kUser);
 }
 
 // Real, effective, saved and file-system ids of the process, and its groups.
@@ -56,40 +50,6 @@ std::string Ids(pid_t pid) {
     std::regex_search(status, ids,
                       std::regex("Uid:\\s+(.*)\nGid:\\s+(.*)\n(?:.*\n)*Groups:\\s*(.*)\n"));
     return ids.size() == 4 ? ids.str(1) + "|" + ids.str(2) + "|" + ids.str(3) : status;
-}
-
-// A well-formed PNG of 20000x20000 one-bit pixels: 50 kB on disk, over a
-// gigabyte once decoded.
-std::string HugePng() {
-    const auto chunk = [](const std::string& type, const std::string& data) {
-        const auto big32 = [](uint32_t n) {
-            return std::string{char(n >> 24), char(n >> 16), char(n >> 8), char(n)};
-        };
-        const std::string body = type + data;
-        return big32(uint32_t(data.size())) + body +
-               big32(uint32_t(
-                   crc32(0, reinterpret_cast<const Bytef*>(body.data()), uInt(body.size()))));
-    };
-    constexpr uint32_t kSide = 20000;
-    const std::string header = {char(kSide >> 24), char(kSide >> 16 & 0xFF),
-                                char(kSide >> 8 & 0xFF), char(kSide & 0xFF)};
-    z_stream zs{};
-    deflateInit(&zs, 9);
-    std::string compressed, row(1 + kSide / 8, '\0');
-    char out[65536];
-    for (uint32_t y = 0; y <= kSide; ++y) {
-        zs.next_in = reinterpret_cast<Bytef*>(&row[0]);
-        zs.avail_in = y < kSide ? uInt(row.size()) : 0;
-        do {
-            zs.next_out = reinterpret_cast<Bytef*>(out);
-            zs.avail_out = sizeof out;
-            deflate(&zs, y < kSide ? Z_NO_FLUSH : Z_FINISH);
-            compressed.append(out, sizeof out - zs.avail_out);
-        } while (zs.avail_out == 0);
-    }
-    deflateEnd(&zs);
-    return "\x89PNG\r\n\x1a\n" + chunk("IHDR", header + header + std::string("\x01\0\0\0\0", 5)) +
-           chunk("IDAT", compressed) + chunk("IEND", "");
 }
 
 struct Program {
@@ -229,7 +189,7 @@ TEST_F(DisplayTest, LongMessageScrollsToItsLastLineAndOneClickAcknowledges) {
     EXPECT_EQ(Read(run, 200), "(timed out)") << "nothing is sent before the click";
 
     ClickAcknowledge(run.pid, window);
-    EXPECT_EQ(Read(run), Record(4001, kUser));
+    EXPECT_EQ(Read(run), Record(4001));
     EXPECT_EQ(ExitStatus(run), 0);
     EXPECT_EQ(Read(run), "(ended)") << "exactly one record";
 }
@@ -254,7 +214,7 @@ TEST_F(DisplayTest, ScreenReaderReadsTheMessageAndPressesAcknowledge) {
     EXPECT_NE(text.find("Die Server werden um 18:00 neu gestartet."), std::string::npos) << text;
     EXPECT_NE(text.find("\u05e9\u05dc\u05d5\u05dd"), std::string::npos) << text;
     ASSERT_TRUE(ExitedWith(s_session->ScreenReader(run.pid, {"press", "Acknowledge"}).status, 0));
-    EXPECT_EQ(Read(run), Record(4002, kUser));
+    EXPECT_EQ(Read(run), Record(4002));
     EXPECT_EQ(ExitStatus(run), 0);
     EXPECT_EQ(Read(run), "(ended)");
 }
@@ -295,7 +255,7 @@ TEST_F(DisplayTest, KeyboardAcknowledgesOnlyThroughTheFocusedButton) {
     ASSERT_TRUE(keys(&enter, {"Return", "Return"}));
     ASSERT_TRUE(keys(&space, {"Tab", "space"}));
     for (auto [run, id] : {std::pair(&enter, 41), std::pair(&space, 42)}) {
-        EXPECT_EQ(Read(*run), Record(id, kUser));
+        EXPECT_EQ(Read(*run), Record(id));
         EXPECT_EQ(ExitStatus(*run), 0);
         EXPECT_EQ(Read(*run), "(ended)") << "exactly one record";
     }
@@ -334,27 +294,25 @@ TEST_F(DisplayTest, FullScreenShrinksToItsSlotBesideAnotherAsTheDesktopUser) {
 }
 
 // A logo that cannot be read: the notification still shows, without it, one
-// line on standard error, and the time-out closes it without a record.
+// line on standard error, and the time-out closes it without a record. What
+// the loader refuses (sizes, formats, devices) its unit tests pin; here, what
+// only the running program shows: a file that only root could read is read
+// as the user.
 TEST_F(DisplayTest, UnreadableLogosLeaveTheNotificationWithoutALogo) {
     const std::string dir = s_session->State() + "/logos";
     std::filesystem::create_directories(dir);
     mkfifo((dir + "/fifo.png").c_str(), 0644);
-    // A PNG that claims 20000x20000 pixels, and the same cut after its header.
-    const std::string huge = HugePng();
-    WriteFile(dir + "/huge.png", huge);
-    WriteFile(dir + "/truncated.png", huge.substr(0, huge.size() / 2));
-    WriteFile(dir + "/text.png", "not an image at all\n");
-    WriteFile(dir + "/secret.png", ReadFile(dir + "/truncated.png"));
+    // A good logo only root may read: shown, it would say root read it.
+    GdkPixbuf* pixel = gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, 1, 1);
+    gdk_pixbuf_fill(pixel, 0);
+    ASSERT_TRUE(gdk_pixbuf_save(pixel, (dir + "/secret.png").c_str(), "png", nullptr, nullptr));
+    g_object_unref(pixel);
     chmod((dir + "/secret.png").c_str(), 0600);
     std::filesystem::remove(dir + "/link.png");
     std::filesystem::create_symlink(dir + "/secret.png", dir + "/link.png");
     const std::vector<std::pair<std::string, std::string>> logos = {
         {"missing", dir + "/none.png"},
         {"FIFO", dir + "/fifo.png"},
-        {"device", "/dev/zero"},
-        {"truncated", dir + "/truncated.png"},
-        {"20000x20000", dir + "/huge.png"},
-        {"not an image", dir + "/text.png"},
         {"link to an unreadable file", dir + "/link.png"},
     };
     const auto start = Clock::now();

@@ -2,6 +2,7 @@
 // requests it records, and bad input (files served over GET: the end-to-end
 // customisation test).
 #include "DevGateway.h"
+#include "TransportFixtures.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -11,7 +12,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <functional>
 #include <thread>
 #include <tuple>
@@ -58,11 +58,7 @@ private:
 
 // A request as the daemon builds it: bare line feeds, padded length.
 std::string ClientRequest(const std::string& body) {
-    char length[16];
-    snprintf(length, sizeof length, "%5d", int(body.size()));
-    return "POST http://127.0.0.1/fakeurl.htm HTTP/1.1\nUser-Agent: Corvane Manager/1.0\n"
-           "Content-Type: application/x-www-form-urlencoded\nContent-Length: " +
-           std::string(length) + "\nHost: 127.0.0.1\nConnection: Keep-Alive\n\n" + body;
+    return transport_test::Post("127.0.0.1", body);
 }
 
 const std::string kOpen = ClientRequest("CMD=OPEN\nCLIENT_VERSION=1.1\nMAXPACKET=928\n");

@@ -1,13 +1,8 @@
 #include "HostTesting.h"
 #include "host/MachineDetails.h"
 
-#include <utmp.h>
-
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,29 +32,9 @@ TEST(MachineAddress, NoEth0) {
     ExpectAddresses("000000000000", "0.0.0.0");
 }
 
-struct LoginRecord {
-    const char* line;
-    const char* id;
-    const char* user;
-};
-
-template <std::size_t N> void CopyField(char (&field)[N], const char* text) {
-    memcpy(field, text, std::min(strlen(text), N));
-}
-
 // Replaces the sandbox's login records (its private /run/utmp).
-void WriteLoginRecords(const std::vector<LoginRecord>& records) {
-    std::ofstream out(_PATH_UTMP, std::ios::binary | std::ios::trunc);
-    for (const LoginRecord& login : records) {
-        struct utmp record;
-        memset(&record, 0, sizeof record);
-        record.ut_type = USER_PROCESS;
-        CopyField(record.ut_line, login.line);
-        CopyField(record.ut_id, login.id);
-        CopyField(record.ut_user, login.user);
-        out.write(reinterpret_cast<const char*>(&record), sizeof record);
-    }
-    ASSERT_TRUE(out.good());
+void WriteLoginRecords(const std::vector<hosttest::Login>& logins) {
+    hosttest::WriteFile(_PATH_UTMP, hosttest::LoginRecords(logins));
 }
 
 std::string UserName() {
@@ -69,11 +44,11 @@ std::string UserName() {
 }
 
 TEST(MachineUserName, LastConsoleLoginThenIdFieldThenDisplayManager) {
-    const std::pair<std::vector<LoginRecord>, const char*> logins[] = {
-        {{{":0", "", "alice"}, {":0", "", "bob"}}, "bob"}, // the last match wins
-        {{{":0", "", "alice"}, {":1", "", "bob"}, {"pts/0", "", "carol"}}, "alice"},
-        {{{"tty7", ":0", "gina"}}, "gina"}, // second pass, on the id field
-        {{{"tty7", ":0", "gina"}, {":0", "", "hank"}}, "hank"},
+    const std::pair<std::vector<hosttest::Login>, const char*> logins[] = {
+        {{{"alice", ":0"}, {"bob", ":0"}}, "bob"}, // the last match wins
+        {{{"alice", ":0"}, {"bob", ":1"}, {"carol", "pts/0"}}, "alice"},
+        {{{"gina", "tty7", ":0"}}, "gina"}, // second pass, on the id field
+        {{{"gina", "tty7", ":0"}, {"hank", ":0"}}, "hank"},
     };
     for (const auto& [records, user] : logins) {
         WriteLoginRecords(records);

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
-#include <poll.h>
 
 #include <cstdint>
 #include <map>
@@ -57,47 +56,8 @@ struct Image {
     }
 };
 
-struct Output {
-    int status = -1; // wait status, -1 when it did not end in time
-    std::string text;
-};
-
-// `argv` with standard output captured; killed after `seconds`.
-inline Output Run(const std::vector<std::string>& argv, int seconds = 30) {
-    Output out;
-    int pipe[2];
-    if (pipe2(pipe, O_CLOEXEC) != 0) {
-        return out;
-    }
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(pipe[1], 1);
-        std::vector<char*> args;
-        for (const std::string& arg : argv) {
-            args.push_back(const_cast<char*>(arg.c_str()));
-        }
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    close(pipe[1]);
-    const int64_t deadline = int64_t(time(nullptr)) + seconds;
-    for (char buffer[4096];;) {
-        pollfd readable{pipe[0], POLLIN, 0};
-        const int left = int(deadline - int64_t(time(nullptr)));
-        if (left <= 0 || poll(&readable, 1, left * 1000) <= 0) {
-            break;
-        }
-        const ssize_t got = read(pipe[0], buffer, sizeof buffer);
-        if (got <= 0) {
-            break;
-        }
-        out.text.append(buffer, size_t(got));
-    }
-    close(pipe[0]);
-    out.status = hosttest::WaitForExit(child, 5);
-    return out;
-}
+using hosttest::Output;
+using hosttest::Run;
 
 class Session {
 public:

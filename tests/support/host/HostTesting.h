@@ -1,5 +1,5 @@
-// Files, scratch directories and child processes for a test's main thread:
-// every wait is bounded, every child is killed by its pid.
+// Files, scratch directories, programs run to their end and child processes for a test's main
+// thread: every wait is bounded, every child is killed by its pid.
 #pragma once
 
 #include <fcntl.h>
@@ -9,9 +9,14 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utmp.h>
 
+#include <algorithm>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -34,6 +39,32 @@ inline void Install(const std::string& from, const std::string& to) {
     unlink(to.c_str());
     WriteFile(to, ReadFile(from));
     chmod(to.c_str(), 0755);
+}
+
+// One login record (utmp) as the C library writes it; fields are cut to fit.
+struct Login {
+    const char* user;
+    const char* line;
+    const char* id = "";
+    const char* host = "";
+    short type = USER_PROCESS;
+};
+
+inline std::string LoginRecords(const std::vector<Login>& logins) {
+    const auto copy = [](auto& field, const char* text) {
+        memcpy(field, text, std::min(strlen(text), sizeof field));
+    };
+    std::string bytes;
+    for (const Login& login : logins) {
+        utmp record{};
+        record.ut_type = login.type;
+        copy(record.ut_user, login.user);
+        copy(record.ut_line, login.line);
+        copy(record.ut_id, login.id);
+        copy(record.ut_host, login.host);
+        bytes.append(reinterpret_cast<const char*>(&record), sizeof record);
+    }
+    return bytes;
 }
 
 // A fresh directory under /tmp, removed with its contents.
@@ -77,6 +108,60 @@ inline int WaitForExit(pid_t child, int seconds = 10) {
 
 inline bool ExitedWith(int status, int code) {
     return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == code;
+}
+
+struct Output {
+    int status = -1; // wait status, -1 when it did not end in time
+    std::string text;
+};
+
+// `argv` with standard output captured and, when given, `input` (small enough
+// for a pipe's buffer) on standard input; killed after `seconds`.
+inline Output Run(const std::vector<std::string>& argv, int seconds = 30,
+                  const std::optional<std::string>& input = std::nullopt) {
+    Output out;
+    int pipe[2], in[2] = {-1, -1};
+    if (pipe2(pipe, O_CLOEXEC) != 0 || (input && pipe2(in, O_CLOEXEC) != 0)) {
+        return out;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(pipe[1], 1);
+        if (input) {
+            dup2(in[0], 0);
+        }
+        std::vector<char*> args;
+        for (const std::string& arg : argv) {
+            args.push_back(const_cast<char*>(arg.c_str()));
+        }
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    close(pipe[1]);
+    if (input) {
+        close(in[0]);
+        if (write(in[1], input->data(), input->size()) != ssize_t(input->size())) {
+            out.text = "(input not written)";
+        }
+        close(in[1]);
+    }
+    const int64_t deadline = int64_t(time(nullptr)) + seconds;
+    for (char buffer[4096];;) {
+        pollfd readable{pipe[0], POLLIN, 0};
+        const int left = int(deadline - int64_t(time(nullptr)));
+        if (left <= 0 || poll(&readable, 1, left * 1000) <= 0) {
+            break;
+        }
+        const ssize_t got = read(pipe[0], buffer, sizeof buffer);
+        if (got <= 0) {
+            break;
+        }
+        out.text.append(buffer, size_t(got));
+    }
+    close(pipe[0]);
+    out.status = WaitForExit(child, 5);
+    return out;
 }
 
 // `program` run with `argv` (argv[0] included), back once it has exec'd (ps

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "transport/htctl.h"
+#include "transport/yenc.h"
 
 namespace transport_test {
 
@@ -149,6 +150,21 @@ inline std::string Post(const std::string& host, const std::string& body) {
     return "POST http://" + host + "/fakeurl.htm HTTP/1.1\nUser-Agent: Corvane Manager/1.0\n" +
            "Content-Type: application/x-www-form-urlencoded\nContent-Length: " + length +
            "\nHost: " + host + "\nConnection: Keep-Alive\n\n" + body;
+}
+
+// `bytes` as the transport's two text forms carry them.
+inline std::string Base64(const std::string& bytes) {
+    char* text = Encode64(reinterpret_cast<const unsigned char*>(bytes.data()), int(bytes.size()));
+    const std::string out = text;
+    free(text);
+    return out;
+}
+inline std::string YEnc(const std::string& bytes) {
+    char* text = nullptr;
+    yEncode(reinterpret_cast<const unsigned char*>(bytes.data()), int(bytes.size()), &text);
+    const std::string out = text != nullptr ? text : "";
+    free(text);
+    return out;
 }
 
 // A socket listening on 127.0.0.1:`port` (0: any free port), or -1.

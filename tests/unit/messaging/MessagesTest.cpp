@@ -6,20 +6,13 @@
 #include <gtest/gtest.h>
 
 #include "TransportFixtures.h"
-#include "transport/yenc.h"
 
 namespace {
 
+using transport_test::Base64;
 using transport_test::Harness;
 using transport_test::kControlType;
 using transport_test::Post;
-
-std::string Base64(const std::string& bytes) {
-    char* text = Encode64(reinterpret_cast<const unsigned char*>(bytes.data()), int(bytes.size()));
-    std::string out = text;
-    free(text);
-    return out;
-}
 
 // Type 0x0c, the sender in 16 bytes, the text, two NULs.
 std::string Block(std::string sender, const std::string& text) {

@@ -2,6 +2,7 @@
 // kind, hostile ones bounded in time, and a display manager's authority file.
 #include "DesktopUser.h"
 #include "DisplayAuthority.h"
+#include "HostTesting.h"
 #include "LogoLoader.h"
 
 #include <X11/Xauth.h>
@@ -9,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utmp.h>
+#include <zlib.h>
 
 #include <chrono>
 #include <cstdio>
@@ -21,23 +22,15 @@ namespace {
 
 class TempDir : public testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/nd-notifymessage-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_dir = pattern;
-    }
-    void TearDown() override { std::system(("rm -rf '" + m_dir + "'").c_str()); }
     std::string Write(const std::string& name, const std::string& bytes) {
-        const std::string path = m_dir + "/" + name;
-        FILE* file = fopen(path.c_str(), "wb");
-        fwrite(bytes.data(), 1, bytes.size(), file);
-        fclose(file);
-        return path;
+        hosttest::WriteFile(m_dir + "/" + name, bytes);
+        return m_dir + "/" + name;
     }
-    std::string m_dir;
+    hosttest::TempDir m_scratch;
+    const std::string m_dir = m_scratch.Path();
 };
 
-// A PNG of any declared size whose pixel data is a few empty rows.
+// A well-formed PNG of any declared size whose pixel data is a few empty rows.
 std::string Png(uint32_t width, uint32_t height) {
     GdkPixbuf* pixbuf = gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, 3, 2);
     gdk_pixbuf_fill(pixbuf, 0xff000000);
@@ -47,10 +40,15 @@ std::string Png(uint32_t width, uint32_t height) {
     std::string png(data, size);
     g_free(data);
     g_object_unref(pixbuf);
-    // The header's width and height (the decoder must not trust them).
+    // The header's width and height (the decoder must not trust them), and its
+    // checksum, so that only the size can be what gets the file refused.
     for (int i = 0; i < 4; ++i) {
         png[16 + i] = char(width >> (24 - 8 * i));
         png[20 + i] = char(height >> (24 - 8 * i));
+    }
+    const uLong crc = crc32(0, reinterpret_cast<const Bytef*>(&png[12]), 17);
+    for (int i = 0; i < 4; ++i) {
+        png[29 + i] = char(crc >> (24 - 8 * i));
     }
     return png;
 }
@@ -92,6 +90,7 @@ TEST_F(TempDir, HostileLogosGiveNoLogoQuickly) {
         Write("truncated.png", good.substr(0, good.size() / 2)),
         Write("huge.png", Png(20000, 20000)),
         Write("wide.png", Png(100000, 1)),
+        Write("many.png", Png(10000, 10000)), // each side allowed, not their product
         Write("huge.ppm", "P6 20000 20000 255\n" + std::string(4096, '\0')),
         Write("text.png", "this is not an image"),
         Write("empty.png", ""),
@@ -182,21 +181,12 @@ TEST(DisplayNumber, NamesOnlyWholeDisplays) {
 }
 
 TEST_F(TempDir, TheDisplaysUserComesFromTheLoginRecords) {
-    const std::string records = m_dir + "/utmp";
-    std::string bytes;
-    auto add = [&](short type, const char* user, const char* line, const char* host) {
-        utmp entry{};
-        entry.ut_type = type;
-        strncpy(entry.ut_user, user, sizeof entry.ut_user);
-        strncpy(entry.ut_line, line, sizeof entry.ut_line);
-        strncpy(entry.ut_host, host, sizeof entry.ut_host);
-        bytes.append(reinterpret_cast<const char*>(&entry), sizeof entry);
-    };
-    add(USER_PROCESS, "root", "tty1", "");
-    add(DEAD_PROCESS, "daemon", ":0", ":0");
-    add(USER_PROCESS, "nobody", "tty7", ":0");
-    add(USER_PROCESS, "bin", ":1", ":1");
-    Write("utmp", bytes);
+    const std::string records = Write("utmp", hosttest::LoginRecords({
+                                                  {"root", "tty1"},
+                                                  {"daemon", ":0", "", ":0", DEAD_PROCESS},
+                                                  {"nobody", "tty7", "", ":0"},
+                                                  {"bin", ":1", "", ":1"},
+                                              }));
 
     DesktopUser user;
     std::string error;

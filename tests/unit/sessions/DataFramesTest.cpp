@@ -1,15 +1,13 @@
 // Sessions set up by the gateway, data frames out (the broadcast walk too),
 // pause counting, and the bounds on frames in.
-#include <stdlib.h>
-
 #include <atomic>
 #include <regex>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
 #include "TransportFixtures.h"
-#include "transport/yenc.h"
 
 namespace {
 
@@ -105,19 +103,17 @@ TEST(Pause, CountsOncePerChangeAndOnlyForEstablishedSessions) {
     Harness h(kControlType, 3);
     h.Attach(0, 10, 2);
     h.Attach(1, 11, 1);
+    // Session (2 was set up by the gateway: it takes no part), pause or
+    // release, result, the link's count after it.
+    const std::tuple<int, bool, int, int> steps[] = {
+        {1, true, 0, 1}, {1, true, 0, 1}, {1, false, 0, 0}, {1, false, 0, 0},
+        {1, true, 0, 1}, {2, true, 0, 1}, {0, true, -1, 1}, {4, true, -1, 1},
+    };
     std::atomic<int>& paused = h.link->m_sessions_paused;
-    EXPECT_EQ(h.ctl->Pause(1, true), 0);
-    EXPECT_EQ(h.ctl->Pause(1, true), 0);
-    EXPECT_EQ(paused.load(), 1);
-    EXPECT_EQ(h.ctl->Pause(1, false), 0);
-    EXPECT_EQ(h.ctl->Pause(1, false), 0);
-    EXPECT_EQ(paused.load(), 0);
-    EXPECT_EQ(h.ctl->Pause(1, true), 0);
-    EXPECT_EQ(paused.load(), 1);
-    EXPECT_EQ(h.ctl->Pause(2, true), 0); // set up by the gateway: takes no part
-    EXPECT_EQ(paused.load(), 1);
-    EXPECT_EQ(h.ctl->Pause(0, true), -1);
-    EXPECT_EQ(h.ctl->Pause(4, true), -1);
+    for (const auto& [session, pause, result, count] : steps) {
+        EXPECT_EQ(h.ctl->Pause(session, pause), result) << session << " " << pause;
+        EXPECT_EQ(paused.load(), count) << session << " " << pause;
+    }
     h.ctl->Hangup(1);
     EXPECT_EQ(paused.load(), 0);
     EXPECT_EQ(h.ctl->Pause(1, false), 0);
@@ -145,19 +141,13 @@ TEST(ReceivedFrames, DeclaredLengthIsBoundedByTheDecodedBytes) {
         for (const auto& c : cases) {
             Harness h(kControlType, 1);
             h.Attach(0, 21, 1);
-            const auto* bytes = reinterpret_cast<const unsigned char*>(c.payload.data());
             if (bare) {
-                char* text = nullptr;
-                yEncode(bytes, int(c.payload.size()), &text);
-                std::string body =
-                    "CID=21\nSEQ=1\nCRC=0\nLEN=" + c.length + "\nDATA=" + text + "\n";
-                free(text);
+                std::string body = "CID=21\nSEQ=1\nCRC=0\nLEN=" + c.length +
+                                   "\nDATA=" + transport_test::YEnc(c.payload) + "\n";
                 EXPECT_EQ(h.ctl->ProcessNCData(&body[0], int(body.size()), *h.link), 1);
             } else {
-                char* text = Encode64(bytes, int(c.payload.size()));
                 h.Dispatch("CMD=NC_DATA\nCONNECTION_ID=21\nNC_LEN=" + c.length +
-                           "\nNC_DATA=" + text + "\n");
-                free(text);
+                           "\nNC_DATA=" + transport_test::Base64(c.payload) + "\n");
             }
             const auto got = h.app.Of(kCtlDataReceived);
             ASSERT_EQ(got.size(), c.delivered == "-" ? 0u : 1u) << bare << " LEN=" << c.length;

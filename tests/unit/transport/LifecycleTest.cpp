@@ -36,15 +36,6 @@ TEST(Interface, SlotOrder) {
     }
 }
 
-TEST(Create, NameIsCutAndUpperCased) {
-    CHTCTL ctl(vel::kDefaultGatewayPort);
-    tagCTLCREATEPARAMS p = {};
-    memcpy(p.name, "workstation-0042", 16); // 16 characters, no terminator
-    p.slavetype = 1;                        // no gateway contacted
-    EXPECT_EQ(ctl.Create(&p), 0);
-    EXPECT_STREQ(ctl.m_name, "WORKSTATION-004");
-}
-
 std::string Hangup(unsigned id) {
     return Post("gw.example:443", "CMD=HANGUP\nCONNECTION_ID=" + std::to_string(id) + "\n");
 }

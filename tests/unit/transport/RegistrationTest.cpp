@@ -16,12 +16,16 @@ using transport_test::Post;
 using vel::CHTCTL;
 using vel::CTL_HTTP_CONNECTION;
 
+// The name given at creation is cut to 15 characters and upper-cased.
 TEST(Registration, EveryLineInOrderAndTheAnswersChainStopsAtTheFirstEmpty) {
     CHTCTL ctl(vel::kDefaultGatewayPort);
     transport_test::App app;
-    ctl.m_callback = &transport_test::App::Callback;
-    ctl.m_cbdata = &app;
-    strcpy(ctl.m_name, "WS-0042");
+    tagCTLCREATEPARAMS p = {};
+    memcpy(p.name, "workstation-0042", 16); // 16 characters, no terminator
+    p.slavetype = 1;                        // no gateway contacted
+    p.callback = &transport_test::App::Callback;
+    p.cbdata = &app;
+    ASSERT_EQ(ctl.Create(&p), 0);
     ctl.m_slaveType = 256;
     CTL_HTTP_CONNECTION link("gw.example:443", "secretkey", &ctl, nullptr);
     app.text["CHATID"] = "chat7";
@@ -39,7 +43,7 @@ TEST(Registration, EveryLineInOrderAndTheAnswersChainStopsAtTheFirstEmpty) {
     vel::GetMachineMacAddress(mac, -1);
     EXPECT_EQ(text, Post("gw.example:443",
                          "CMD=OPEN\nCLIENT_VERSION=1.1\nPROTOCOL_VER=1.1\n"
-                         "MAXPACKET=928\nCLIENT_NAME=WS-0042\nCLIENT_ADDR=\nHOSTNAME=" +
+                         "MAXPACKET=928\nCLIENT_NAME=WORKSTATION-004\nCLIENT_ADDR=\nHOSTNAME=" +
                              std::string(host) + "\nMACADDRESS=" + mac +
                              "\nGSK=t6sKKe8nHq7fFpFo0OrcQAAA\nCHATID=chat7\nA1=one\nA2=two\n"
                              "APPTYPE=256\nDEPT=Accounts\n"));
