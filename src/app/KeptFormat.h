@@ -21,7 +21,8 @@
 
 constexpr size_t kMaxKeptRecords = 1000;
 constexpr size_t kMaxKeptFileBytes = 4 * 1024 * 1024;
-constexpr size_t kMaxKeptTextBytes = 64 * 1024;
+// One environment entry's limit: a longer text could not be shown anyway.
+constexpr size_t kMaxKeptTextBytes = 128 * 1024;
 constexpr uint16_t kKeptFormatVersion = 1;
 
 struct KeptAcknowledgement {

@@ -217,6 +217,14 @@ void KeepNotification(const KeptNotification& notification) {
     if (!KeepingNotifications()) {
         return;
     }
+    for (const std::string* text : {&notification.message, &notification.caption,
+                                    &notification.timeout, &notification.flags}) {
+        if (text->size() > kMaxKeptTextBytes) {
+            vel::Log("Notification " + std::to_string(notification.id) +
+                     " dropped: too long to keep");
+            return;
+        }
+    }
     std::lock_guard<std::mutex> lock(gKeptNotificationsLock);
     vel::Log("Notification " + std::to_string(notification.id) +
              " kept until the next graphical login");
