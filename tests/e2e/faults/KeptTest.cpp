@@ -16,6 +16,8 @@ constexpr int kReconnectMs = 30000;
 constexpr const char* kCacheDir = "/var/cache/notifydaemon";
 constexpr const char* kAckFile = "/var/cache/notifydaemon/kept-acknowledgements.dat";
 constexpr const char* kGoDir = "/run/nd-notify/go";
+// A whole, undamaged file of no acknowledgements.
+const std::string kNoAcks = std::string("NDKQ\1\0\1\0\0\0\0\0", 12) + "\xb5\xb2\x93\xc0";
 
 size_t LogLinesWith(const std::string& text) {
     size_t n = 0;
@@ -155,11 +157,17 @@ TEST_F(KeptTest, DamagedAndHostileCacheFilesAreSetAside) {
         {"link to another file", [] { symlink("/etc/passwd", kAckFile); }},
         {"owned by another user",
          [] {
-             WriteFile(kAckFile, std::string("NDKQ\1\0\1\0\0\0\0\0", 12) + "\xb5\xb2\x93\xc0");
+             WriteFile(kAckFile, kNoAcks);
              chown(kAckFile, 4242, 4242);
          }},
         {"oversized", [] { WriteFile(kAckFile, std::string(5 << 20, 'x')); }},
         {"fifo", [] { mkfifo(kAckFile, 0600); }},
+        {"directory", [] { mkdir(kAckFile, 0700); }},
+        {"writable by others",
+         [] {
+             WriteFile(kAckFile, kNoAcks);
+             chmod(kAckFile, 0666);
+         }},
     };
     int id = 0;
     for (const auto& [name, make] : kCases) {
