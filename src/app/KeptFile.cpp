@@ -49,6 +49,11 @@ bool KeptFile::DirectoryUsable() {
 }
 
 bool KeptFile::ReadBytes(std::string& bytes, std::string& why) {
+    // A directory that is a link, or writable by others, could hold anyone's file.
+    if (!DirectoryUsable()) {
+        vel::Log("Kept records directory " + m_directory + " unusable: " + m_path + " not read");
+        return false;
+    }
     // No following of links, no blocking on a FIFO, no controlling terminal.
     const int fd = open(m_path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd == -1) {

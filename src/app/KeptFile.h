@@ -1,4 +1,5 @@
-// One file of kept records under the cache directory, replaced atomically
+// One file of kept records under the cache directory (which must be a real
+// directory, ours and not writable by others), replaced atomically
 // (temporary file, fsync, rename, fsync of the directory). What is found
 // there is not trusted: anything but a plain file of ours within the size
 // bound, holding a whole undamaged record file, is logged and renamed aside

@@ -16,8 +16,9 @@ constexpr int kReconnectMs = 30000;
 constexpr const char* kCacheDir = "/var/cache/notifydaemon";
 constexpr const char* kAckFile = "/var/cache/notifydaemon/kept-acknowledgements.dat";
 constexpr const char* kGoDir = "/run/nd-notify/go";
-// A whole, undamaged file of no acknowledgements.
-const std::string kNoAcks = std::string("NDKQ\1\0\1\0\0\0\0\0", 12) + "\xb5\xb2\x93\xc0";
+// A whole, undamaged file with one acknowledgement (of notification 999999).
+const std::string kOneAck =
+    std::string("NDKQ\1\0\1\0\1\0\0\0\x3f\x42\x0f\0\6\0\0\0\0\0\0\0", 24) + "\xbb\xd5\xb1\x73";
 
 size_t LogLinesWith(const std::string& text) {
     size_t n = 0;
@@ -148,42 +149,47 @@ TEST_F(KeptTest, AcknowledgementsWhileTheGatewayIsDown) {
     }
 }
 
-// Each is logged, renamed aside and not used; the daemon keeps working.
+// Each is logged and not used (a file is renamed aside); the daemon keeps
+// working.
 TEST_F(KeptTest, DamagedAndHostileCacheFilesAreSetAside) {
-    const std::pair<const char*, std::function<void()>> kCases[] = {
-        {"garbage", [] { WriteFile(kAckFile, "NDKQ\1\0\1\0garbage"); }},
-        {"cut short",
-         [] { WriteFile(kAckFile, std::string("NDKQ\1\0\1\0\1\0\0\0\7\0\0\0\6\0\0\0", 20)); }},
-        {"link to another file", [] { symlink("/etc/passwd", kAckFile); }},
+    const std::string setAside = "set aside as " + std::string(kAckFile) + ".bad";
+    const std::tuple<const char*, std::function<void()>, std::string> kCases[] = {
+        {"garbage", [] { WriteFile(kAckFile, "NDKQ\1\0\1\0garbage"); }, setAside},
+        {"cut short", [] { WriteFile(kAckFile, kOneAck.substr(0, 20)); }, setAside},
+        {"link to another file", [] { symlink("/etc/passwd", kAckFile); }, setAside},
         {"owned by another user",
          [] {
-             WriteFile(kAckFile, kNoAcks);
+             WriteFile(kAckFile, kOneAck);
              chown(kAckFile, 4242, 4242);
-         }},
-        {"oversized", [] { WriteFile(kAckFile, std::string(5 << 20, 'x')); }},
-        {"fifo", [] { mkfifo(kAckFile, 0600); }},
-        {"directory", [] { mkdir(kAckFile, 0700); }},
+         },
+         setAside},
+        {"oversized", [] { WriteFile(kAckFile, std::string(5 << 20, 'x')); }, setAside},
+        {"fifo", [] { mkfifo(kAckFile, 0600); }, setAside},
+        {"directory", [] { mkdir(kAckFile, 0700); }, setAside},
         {"writable by others",
          [] {
-             WriteFile(kAckFile, kNoAcks);
+             WriteFile(kAckFile, kOneAck);
              chmod(kAckFile, 0666);
-         }},
+         },
+         setAside},
+        {"cache directory a link",
+         [] {
+             std::filesystem::create_directories("/run/nd-notify/elsewhere");
+             WriteFile("/run/nd-notify/elsewhere/kept-acknowledgements.dat", kOneAck);
+             rmdir(kCacheDir);
+             symlink("/run/nd-notify/elsewhere", kCacheDir);
+         },
+         std::string("Kept records directory ") + kCacheDir + " unusable"},
     };
     int id = 0;
-    for (const auto& [name, make] : kCases) {
+    for (const auto& [name, make, logged] : kCases) {
         SCOPED_TRACE(name);
         std::filesystem::remove_all(kCacheDir);
         mkdir(kCacheDir, 0755);
         make();
-        const size_t setAside = LogLinesWith("set aside as " + std::string(kAckFile) + ".bad");
+        const size_t before = LogLinesWith(logged);
         Start(true);
-        EXPECT_TRUE(WaitUntil(
-            [&] {
-                return LogLinesWith("set aside as " + std::string(kAckFile) + ".bad") > setAside;
-            },
-            kWaitMs));
-        struct stat info;
-        EXPECT_EQ(lstat((std::string(kAckFile) + ".bad").c_str(), &info), 0);
+        EXPECT_TRUE(WaitUntil([&] { return LogLinesWith(logged) > before; }, kWaitMs));
         ASSERT_TRUE(m_gateway->SendNotification(++id, "still works", "30|K", "1"));
         Acknowledge(id, false);
         ASSERT_TRUE(WaitUntil([&] { return Count("MESSAGEACK", id) == 1; }, kWaitMs));
