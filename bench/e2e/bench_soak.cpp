@@ -78,7 +78,19 @@ int main(int argc, char** argv) {
                                 "exec " ND_STUB_PATH "\n");
     chmod(kDisplayPath, 0755);
     Spawn(ND_STUB_PATH, {"stub", "--login", "alice"});
-    const pid_t xServer = Spawn(ND_STUB_PATH, {"/usr/bin/X", ":0", "-auth", "/run/nd-soak/A"});
+    // The X server stand-in ends by itself after ten minutes: started anew
+    // each round when it has.
+    pid_t xServer = -1;
+    auto keepXServer = [&] {
+        if (xServer <= 0 || kill(xServer, 0) != 0 || waitpid(xServer, nullptr, WNOHANG) != 0) {
+            xServer = Spawn(ND_STUB_PATH, {"/usr/bin/X", ":0", "-auth", "/run/nd-soak/A"});
+            WaitUntil([&] {
+                return ReadFile("/proc/" + std::to_string(xServer) + "/cmdline")
+                           .rfind("/usr/bin/X", 0) == 0;
+            });
+        }
+    };
+    keepXServer();
 
     auto gateway = std::make_unique<devgw::DevGateway>();
     const int port = gateway->Start(0);
@@ -101,7 +113,9 @@ int main(int argc, char** argv) {
         if (round == 0 || round == restarts / 2) {
             sample(round == 0 ? "start" : "middle");
         }
+        keepXServer();
         const int first = round * batch;
+        const size_t keptBefore = LogLinesWith(kKeptLine);
         for (int id = first; id < first + batch; ++id) {
             gateway->SendNotification(id, "soak " + std::to_string(id), "30|Soak", "1");
         }
@@ -118,7 +132,7 @@ int main(int argc, char** argv) {
         gateway.reset();
         std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the daemon sees it
         WriteFile(std::string(kGoDir) + "/" + std::to_string(round), "");
-        WaitUntil([&] { return LogLinesWith(kKeptLine) >= size_t(first + batch); }, kWaitMs);
+        WaitUntil([&] { return LogLinesWith(kKeptLine) >= keptBefore + size_t(batch); }, kWaitMs);
         gateway = std::make_unique<devgw::DevGateway>();
         if (gateway->Start(uint16_t(port)) != port) {
             fprintf(stderr, "round %d: the gateway could not listen again\n", round);
