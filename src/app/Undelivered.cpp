@@ -58,8 +58,10 @@ std::mutex gKeptNotificationsLock;
 KeptQueue<KeptNotification> gKeptNotifications;
 
 std::atomic<bool> gStopDelivery{false};
-std::unique_ptr<vel::LoginMonitor> gMonitor;
-std::thread gDeliveryThread;
+// Plain pointers: at the process's exit nothing may be torn down under the
+// running thread (a joinable std::thread would even abort).
+vel::LoginMonitor* gMonitor = nullptr;
+std::thread* gDeliveryThread = nullptr;
 
 bool KeepingNotifications() {
     return gSessionDiscovery && vel::LogindRunning();
@@ -179,16 +181,19 @@ void StartKeptDelivery(const char* directory) {
         }
     }
     gStopDelivery = false;
-    gMonitor.reset(new vel::LoginMonitor(KeepingNotifications()));
-    gDeliveryThread = std::thread(&DeliveryMain);
+    gMonitor = new vel::LoginMonitor(KeepingNotifications());
+    gDeliveryThread = new std::thread(&DeliveryMain);
 }
 
 void StopKeptDelivery() {
     gStopDelivery = true;
-    if (gDeliveryThread.joinable()) {
-        gDeliveryThread.join();
+    if (gDeliveryThread != nullptr) {
+        gDeliveryThread->join();
+        delete gDeliveryThread;
+        gDeliveryThread = nullptr;
     }
-    gMonitor.reset();
+    delete gMonitor;
+    gMonitor = nullptr;
     std::lock_guard<std::mutex> acknowledgements(gKeptAcknowledgementsLock);
     gKeptAcknowledgements = KeptQueue<KeptAcknowledgement>();
     std::lock_guard<std::mutex> notifications(gKeptNotificationsLock);
@@ -235,7 +240,7 @@ void KeepNotification(const KeptNotification& notification) {
 }
 
 void WakeForRegistration() {
-    if (gMonitor) {
+    if (gMonitor != nullptr) {
         gMonitor->Wake();
     }
 }

@@ -23,7 +23,8 @@ constexpr const char* kKeptNotificationsFile = "kept-notifications.dat";
 // ids as displayed, so their acknowledgements pass) and starts the delivery
 // thread. Before the transport is created.
 void StartKeptDelivery(const char* directory = kKeptDirectory);
-// Ends the delivery thread (within a second) and forgets the queues: tests.
+// Ends the delivery thread (within a second) and forgets the queues: tests,
+// with no transport whose hook could still run.
 void StopKeptDelivery();
 
 // Sends the acknowledgement when nothing older waits and the transport takes
