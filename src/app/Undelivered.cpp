@@ -73,11 +73,11 @@ int Send(const KeptAcknowledgement& record) {
     return ctl != nullptr ? ctl->SendAcknowledgement(&info) : -1;
 }
 
-void SendKeptAcknowledgements() {
-    std::lock_guard<std::mutex> lock(gKeptAcknowledgementsLock);
+// Sends the kept acknowledgements, oldest first, until one fails; the caller
+// holds gKeptAcknowledgementsLock. One at a time off the file: after a kill
+// none is sent twice but the one in flight. The number sent.
+size_t SendKeptAcknowledgementsLocked() {
     size_t sent = 0;
-    // One at a time off the file: after a kill none is sent twice but the one
-    // in flight.
     while (!gKeptAcknowledgements.m_records.empty() &&
            Send(gKeptAcknowledgements.m_records.front()) == 0) {
         gKeptAcknowledgements.Pop();
@@ -87,6 +87,12 @@ void SendKeptAcknowledgements() {
     if (sent > 0) {
         vel::Log("Kept acknowledgements sent: " + std::to_string(sent));
     }
+    return sent;
+}
+
+void SendKeptAcknowledgements() {
+    std::lock_guard<std::mutex> lock(gKeptAcknowledgementsLock);
+    SendKeptAcknowledgementsLocked();
 }
 
 // Drops what waited longer than a day; the caller holds the lock.
@@ -207,6 +213,9 @@ bool KeepOrSendAcknowledgement(const tagCTL_MESSAGEACKNOWLEDGEDINFO& info) {
     record.user = info.username != nullptr ? info.username : "";
     record.user.resize(std::min(record.user.size(), kMaxKeptTextBytes));
     std::lock_guard<std::mutex> lock(gKeptAcknowledgementsLock);
+    // Older ones first: a link that is up again without a new registration
+    // (one failed write) takes them now.
+    SendKeptAcknowledgementsLocked();
     if (gKeptAcknowledgements.m_records.empty() && Send(record) == 0) {
         return true;
     }

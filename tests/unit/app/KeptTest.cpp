@@ -126,35 +126,45 @@ TEST(KeptFile, SavedAsEncodedForTheOwnerOnly) {
 }
 
 // Acknowledgements given while the transport has no link go, in order and
-// once, at the next registration; the ones given meanwhile queue behind them.
-TEST(Undelivered, AcknowledgementsWaitForTheNextRegistration) {
+// once, at the next registration, or before the next one given on a link that
+// is back.
+TEST(Undelivered, AcknowledgementsWaitForTheLink) {
     vel::CHTCTL ctl{443};
     transport_test::PairedLink paired{&ctl, "gw.example:443"};
     TempDir dir;
     transport = &ctl;
     gKeepUndelivered = true;
     StartKeptDelivery(dir.Path().c_str());
-    for (int id = 1; id <= 3; ++id) {
-        tagCTL_MESSAGEACKNOWLEDGEDINFO info = {0, id, 6, "al"};
+    auto acknowledge = [](int id) {
+        tagCTL_MESSAGEACKNOWLEDGEDINFO info = {0, id, 6, id == 5 ? "" : "al"};
         EXPECT_TRUE(KeepOrSendAcknowledgement(info));
+    };
+    auto posts = [](int first, int last) {
+        std::string text;
+        for (int id = first; id <= last; ++id) {
+            text +=
+                transport_test::Post("gw.example:443", "CMD=MESSAGEACK\nID=" + std::to_string(id) +
+                                                           "\nUF=6\n" + (id == 5 ? "" : "UN=al\n"));
+        }
+        return text;
+    };
+    for (int id = 1; id <= 3; ++id) {
+        acknowledge(id);
     }
     EXPECT_EQ(KeptAcknowledgementCount(), 3u);
     ctl.m_connections.push_back(&paired.link);
-    tagCTL_MESSAGEACKNOWLEDGEDINFO fourth = {0, 4, 6, ""};
-    EXPECT_TRUE(KeepOrSendAcknowledgement(fourth)); // behind the three
     EXPECT_EQ(paired.Drain(), "");
     WakeForRegistration();
     for (int tick = 0; tick < 500 && KeptAcknowledgementCount() != 0; ++tick) {
         usleep(10000);
     }
-    EXPECT_EQ(KeptAcknowledgementCount(), 0u);
-    std::string expected;
-    for (int id = 1; id <= 4; ++id) {
-        expected +=
-            transport_test::Post("gw.example:443", "CMD=MESSAGEACK\nID=" + std::to_string(id) +
-                                                       "\nUF=6\n" + (id < 4 ? "UN=al\n" : ""));
-    }
-    EXPECT_EQ(paired.Drain(), expected);
+    EXPECT_EQ(paired.Drain(), posts(1, 3));
+
+    ctl.m_connections.clear();
+    acknowledge(4);
+    ctl.m_connections.push_back(&paired.link);
+    acknowledge(5);
+    EXPECT_EQ(paired.Drain(), posts(4, 5));
     EXPECT_EQ(KeptFile(dir.Path(), kKeptAcknowledgementsFile).Load<KeptAcknowledgement>().size(),
               0u);
     StopKeptDelivery();
