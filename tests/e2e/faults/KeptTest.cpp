@@ -1,7 +1,7 @@
 // [agent] KeepUndelivered: acknowledgements given while the gateway is away
-// reach it once it is back (across a SIGKILL of the daemon too), in order and
-// once each; what the cache directory holds is never trusted; a full cache
-// leaves the daemon working from memory. Without the setting they are lost.
+// reach it once it is back (across a SIGKILL of the daemon too, and from
+// memory when the cache is full), in order and once each; what the cache
+// directory holds is never trusted. Without the setting they are lost.
 #include <sys/mount.h>
 #include <sys/stat.h>
 
@@ -104,16 +104,25 @@ TEST_F(KeptTest, AcknowledgementsWhileTheGatewayIsDown) {
         bool keep;
         int count;
         bool killed; // SIGKILL while they wait
+        bool full;   // no space left in the cache: said once, kept in memory
     };
     const Case kCases[] = {
-        {"kept", true, 20, false},
-        {"kept across kill -9", true, 5, true},
-        {"setting absent: lost, as always", false, 3, false},
+        {"kept", true, 20, false, false},
+        {"kept across kill -9", true, 5, true, false},
+        {"setting absent: lost, as always", false, 3, false, false},
+        {"cache full", true, 3, false, true},
     };
+    const std::string noSpace = "Kept records file " + std::string(kAckFile) +
+                                " not saved (No space left on device): kept in memory only";
     int base = 0;
     for (const Case& c : kCases) {
         SCOPED_TRACE(c.name);
         std::filesystem::remove_all(kCacheDir);
+        if (c.full) {
+            mkdir(kCacheDir, 0755);
+            ASSERT_EQ(mount("nd-full", kCacheDir, "tmpfs", 0, "size=16k,mode=0755"), 0);
+            WriteFile(std::string(kCacheDir) + "/filler", std::string(64 << 10, 'f'));
+        }
         Start(c.keep);
         Shown(base + 1, base + c.count);
         GatewayDown();
@@ -122,6 +131,7 @@ TEST_F(KeptTest, AcknowledgementsWhileTheGatewayIsDown) {
             Acknowledge(id, c.keep);
             expected.push_back(std::to_string(id));
         }
+        EXPECT_EQ(CountInLog(noSpace), c.full ? 1u : 0u);
         if (c.killed) {
             StopDaemon(m_daemon);
         }
@@ -142,9 +152,12 @@ TEST_F(KeptTest, AcknowledgementsWhileTheGatewayIsDown) {
         ASSERT_TRUE(WaitUntil([&] { return Count("MESSAGEACK", base + 100) == 1; }, kWaitMs));
         EXPECT_EQ(AcknowledgedIds(), expected);
         struct stat info;
-        EXPECT_EQ(stat(kAckFile, &info) == 0 ? info.st_size : -1, c.keep ? 16 : -1)
-            << "an empty record file with the setting, none without";
+        EXPECT_EQ(stat(kAckFile, &info) == 0 ? info.st_size : -1, c.keep && !c.full ? 16 : -1)
+            << "an empty record file with the setting, none without (or without space)";
         StopDaemon(m_daemon);
+        if (c.full) {
+            umount2(kCacheDir, MNT_DETACH);
+        }
         base += 1000;
     }
 }
@@ -196,27 +209,6 @@ TEST_F(KeptTest, DamagedAndHostileCacheFilesAreSetAside) {
         EXPECT_EQ(Count("MESSAGEACK"), 1u) << "nothing from the file was sent";
         StopDaemon(m_daemon);
     }
-}
-
-// No space for the file: said once, and the acknowledgements still go.
-TEST_F(KeptTest, FullCacheKeepsThemInMemory) {
-    mkdir(kCacheDir, 0755);
-    ASSERT_EQ(mount("nd-full", kCacheDir, "tmpfs", 0, "size=16k,mode=0755"), 0);
-    WriteFile(std::string(kCacheDir) + "/filler", std::string(64 << 10, 'f')); // fills it
-    Start(true);
-    Shown(1, 3);
-    GatewayDown();
-    for (int id = 1; id <= 3; ++id) {
-        Acknowledge(id, true);
-    }
-    EXPECT_EQ(CountInLog("Kept records file " + std::string(kAckFile) +
-                         " not saved (No space left on device): kept in memory only"),
-              1u);
-    StartGateway(m_port);
-    ASSERT_TRUE(WaitUntil([&] { return Count("MESSAGEACK") == 3; }, kReconnectMs));
-    EXPECT_EQ(AcknowledgedIds(), (std::vector<std::string>{"1", "2", "3"}));
-    StopDaemon(m_daemon);
-    umount2(kCacheDir, MNT_DETACH);
 }
 
 } // namespace
