@@ -24,7 +24,9 @@
 # sandbox or is waited for; nothing is left running. About seven minutes on
 # two shared cores, plus the first build.
 # ND_BUILD_JOBS limits the parallel build (default 2). "bash scripts/bench.sh
-# display" runs phase 0 only.
+# display" runs phase 0 only; "bash scripts/bench.sh soak" runs only the soak
+# of the kept acknowledgements (10 000 notifications, 100 gateway restarts,
+# about 20 minutes; docs/reliability.md).
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -50,7 +52,7 @@ echo "== Building into $build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNOTIFY_BENCH=ON \
     -DBUILD_TESTING=ON >/dev/null
 targets=(bench_display_start notifymessage)
-[ "${1:-}" = display ] || targets+=(bench_micro bench_daemon bench_session)
+[ "${1:-}" = display ] || targets+=(bench_micro bench_daemon bench_session bench_soak)
 cmake --build "$build" -j "${ND_BUILD_JOBS:-2}" --target "${targets[@]}" >/dev/null
 
 # The Xlib display program that the GTK one replaced, from the history, to be
@@ -98,6 +100,14 @@ phase() {
 show() { grep -v '^RESULT' "$out/$1.txt" || true; }
 
 machine | tee "$out/machine-start.txt"
+
+if [ "${1:-}" = soak ]; then
+    echo "== Soak: 10 000 notifications, 100 gateway restarts (about 20 minutes)"
+    phase soak timeout 3600 "$sandbox" --hostname bench-soak -- "$build/bench/bench_soak" 10000 100
+    show soak
+    sed -n 's/^RESULT //p' "$out/soak.txt" | tee "$out/summary.txt"
+    exit "$status"
+fi
 
 echo "== 0/3 Display program: start to window mapped, memory (about a minute)"
 phase display timeout 300 "$sandbox" --hostname bench-display -- \

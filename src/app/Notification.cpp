@@ -5,12 +5,14 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <vector>
 
 #include "app/Customisation.h"
 #include "app/TransportStartup.h"
+#include "app/Undelivered.h"
 #include "app/corvanenotify.h"
 #include "config/InstallEnvironment.h"
 #include "config/Preferences.h"
@@ -23,14 +25,16 @@ std::mutex gReceivedMessagesLock;
 
 namespace {
 
-// Display programs started and not yet seen to end. Only the read thread
-// touches it.
+// Display programs started and not yet seen to end, under its lock (the read
+// thread and the thread showing kept notifications start them).
+std::mutex gDisplayChildrenLock;
 std::vector<pid_t> gDisplayChildren;
 
 // Reaps the display programs that have ended. Only our own pids are waited
 // for, so no other wait (popen's, system's) loses its child. When SIGCHLD is
 // ignored the kernel has already reaped them and waitpid says ECHILD.
 void ReapDisplayChildren() {
+    std::lock_guard<std::mutex> lock(gDisplayChildrenLock);
     std::vector<pid_t> running;
     for (pid_t pid : gDisplayChildren) {
         if (waitpid(pid, nullptr, WNOHANG) == 0) {
@@ -96,8 +100,33 @@ void StartDisplayProgram(const std::string& directory, std::vector<std::string>&
                                                    environment.data())
               : vel::ForkGuiProcess(directory.c_str(), kDisplayProgram, environment.data());
     if (child > 0) {
+        std::lock_guard<std::mutex> lock(gDisplayChildrenLock);
         gDisplayChildren.push_back(child);
     }
+}
+
+// The display program's nine entries, in their fixed order.
+std::vector<std::string> DisplayEntries(const KeptNotification& text, int windowOrder) {
+    auto entry = [](const char* name, const std::string& value) {
+        return std::string(name) + "=" + value;
+    };
+    return {
+        entry(vel::kEntryMessage, text.message),
+        entry(vel::kEntryCaption, text.caption),
+        entry(vel::kEntryTimeout, text.timeout),
+        entry(vel::kEntryFlags, text.flags),
+        entry(vel::kEntryMessageId, std::to_string(text.id)),
+        entry(vel::kEntryWindowOrder, std::to_string(windowOrder)),
+        entry(vel::kEntryFullscreen, fullscreen != 0 ? "1" : "0"),
+        entry(vel::kEntryFullscreenTimeout, fullscreentimeout),
+        entry(vel::kEntryLargeLogoPath, largelogopath),
+    };
+}
+
+std::string DisplayDirectory() {
+    std::string directory;
+    vel::install_path(directory);
+    return directory + kDisplaySubdirectory;
 }
 
 const char* TextOrEmpty(const char* text) {
@@ -175,23 +204,9 @@ void MessageCallback(const CTL_CALLBACK* cb) {
         current_window_num = (current_window_num + 1) % kWindowOrderCount;
     }
 
-    auto entry = [](const char* name, const std::string& value) {
-        return std::string(name) + "=" + value;
-    };
-    std::vector<std::string> entries = {
-        entry(vel::kEntryMessage, message),
-        entry(vel::kEntryCaption, caption),
-        entry(vel::kEntryTimeout, timeout),
-        entry(vel::kEntryFlags, flags),
-        entry(vel::kEntryMessageId, idText),
-        entry(vel::kEntryWindowOrder, std::to_string(windowOrder)),
-        entry(vel::kEntryFullscreen, fullscreen != 0 ? "1" : "0"),
-        entry(vel::kEntryFullscreenTimeout, fullscreentimeout),
-        entry(vel::kEntryLargeLogoPath, largelogopath),
-    };
-    std::string directory;
-    vel::install_path(directory);
-    directory += kDisplaySubdirectory;
+    const KeptNotification text = {id, 0, message, caption, timeout, flags};
+    std::vector<std::string> entries = DisplayEntries(text, windowOrder);
+    const std::string directory = DisplayDirectory();
     ReapDisplayChildren();
 
     std::string user;
@@ -205,6 +220,11 @@ void MessageCallback(const CTL_CALLBACK* cb) {
             user = session.user;
         } else {
             vel::Log("Notification " + idText + " not shown: " + why);
+            if (gKeepUndelivered) {
+                KeptNotification kept = text;
+                kept.arrival = int64_t(time(nullptr));
+                KeepNotification(kept);
+            }
             vel::GetMachineUserName(user);
         }
     } else {
@@ -216,4 +236,18 @@ void MessageCallback(const CTL_CALLBACK* cb) {
     if (vel::CHTCTL* ctl = transport.load()) {
         ctl->MessageReceived(&received);
     }
+}
+
+void ShowInSession(const KeptNotification& notification, const vel::DesktopSession& session) {
+    int windowOrder;
+    {
+        std::lock_guard<std::mutex> lock(gReceivedMessagesLock);
+        gReceivedMessages.insert(notification.id); // its acknowledgement passes
+        windowOrder = current_window_num;
+        current_window_num = (current_window_num + 1) % kWindowOrderCount;
+    }
+    ReapDisplayChildren();
+    std::vector<std::string> all = vel::BuildSessionLaunchEnvironment(
+        environ, session.environment, DisplayEntries(notification, windowOrder), session.user);
+    StartDisplayProgram(DisplayDirectory(), all, true);
 }

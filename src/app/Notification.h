@@ -7,7 +7,9 @@
 #include <mutex>
 #include <string>
 
+#include "app/KeptFormat.h"
 #include "host/DisplayProgramInterface.h"
+#include "host/SessionDiscovery.h"
 #include "transport/ICTL.h"
 
 constexpr unsigned char kNotificationPacketType = 12;
@@ -26,7 +28,8 @@ int ClientCallback(int code, void* cbdata, CTL_CALLBACK* cb);
 // Displays a notification once (a repeated id is dropped), then reports its
 // reception with the desktop user's name. With gSessionDiscovery and logind,
 // the display is that of the session logind names, and so is the user; with
-// no such session the log says why it was not shown and the reception is
+// no such session the log says why it was not shown (and, with
+// gKeepUndelivered, it is kept for the next login) and the reception is
 // still reported.
 void MessageCallback(const CTL_CALLBACK* cb);
 
@@ -37,6 +40,10 @@ void MessageCallback(const CTL_CALLBACK* cb);
 void GetMessageParameters(const CTL_CALLBACK* cb, std::string& message_str,
                           std::string& caption_str, std::string& timeout_str,
                           std::string& flags_str, std::string& id_str);
+
+// Shows a kept notification in `session` with the next window order; its id
+// counts as displayed. The thread showing kept notifications.
+void ShowInSession(const KeptNotification& notification, const vel::DesktopSession& session);
 
 // True when the id was displayed by this daemon (thread-safe).
 bool WasDisplayed(int messageId);

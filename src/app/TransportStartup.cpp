@@ -6,6 +6,8 @@
 
 #include "app/AppTimings.h"
 #include "app/Notification.h"
+#include "app/Undelivered.h"
+#include "app/corvanenotify.h"
 #include "host/MachineDetails.h"
 #include "log/Log.h"
 
@@ -42,6 +44,9 @@ bool StartTransport() {
     int delay = kFirstRetryDelaySeconds;
     for (;;) {
         auto* attempt = new vel::CHTCTL(kTransportPort);
+        if (gKeepUndelivered) {
+            attempt->m_registeredHook = &WakeForRegistration;
+        }
         transport = attempt;
         if (attempt->Create(&params) == 0) {
             return true;

@@ -11,6 +11,7 @@
 #include "app/AppTimings.h"
 #include "app/Notification.h"
 #include "app/TransportStartup.h"
+#include "app/Undelivered.h"
 #include "app/corvanenotify.h"
 #include "host/SocketPair.h"
 
@@ -50,6 +51,9 @@ bool HandleAcknowledgement(char* record, size_t length) {
     }
     tagCTL_MESSAGEACKNOWLEDGEDINFO info = {0, head.message_id, head.user_flags,
                                            record + kUserNameOffset};
+    if (gKeepUndelivered) {
+        return KeepOrSendAcknowledgement(info);
+    }
     vel::CHTCTL* ctl = transport.load();
     if (ctl == nullptr) {
         return false;

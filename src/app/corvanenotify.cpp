@@ -9,6 +9,7 @@
 
 #include "app/Daemon.h"
 #include "app/StartupStages.h"
+#include "app/Undelivered.h"
 #include "config/InstallEnvironment.h"
 #include "config/Preferences.h"
 #include "config/SettingsReader.h"
@@ -21,6 +22,7 @@ int fullscreen = 0;
 std::string fullscreentimeout;
 std::string largelogopath;
 bool gSessionDiscovery = false;
+bool gKeepUndelivered = false;
 int current_window_num = 0;
 uint64_t gLastWriteTime = 0;
 int gNamedPipe = -1;
@@ -67,6 +69,9 @@ int NotifyMain(int, char**) {
         vel::Log("Configuration is good.");
         signal(SIGPIPE, SIG_IGN);
         CreateChannelSocketPairs();
+        if (gKeepUndelivered) {
+            StartKeptDelivery();
+        }
         SpawnAcknowledgeThread();
         StartTransport();
         SpawnTimerThread();
@@ -102,6 +107,7 @@ bool Configure() {
     fullscreentimeout = prefs->getConfigString("UI", "FullScreenTimeout");
     largelogopath = prefs->getConfigString("UI", "LargeLogoPath");
     gSessionDiscovery = prefs->getConfigInt("UI", "SessionDiscovery", 0) == 1;
+    gKeepUndelivered = prefs->getConfigInt("agent", "KeepUndelivered", 0) == 1;
     if (gSessionDiscovery && !vel::LogindRunning()) {
         vel::Log("Session discovery: systemd-logind is not running here, so the X server is "
                  "probed as without it");

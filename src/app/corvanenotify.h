@@ -25,6 +25,10 @@ extern std::string largelogopath;
 // names, with that session's own display environment and user. Any other
 // value or none: the X server probe and the console's login records.
 extern bool gSessionDiscovery;
+// agent/KeepUndelivered=1: acknowledgements the transport could not send and
+// (with gSessionDiscovery) notifications nobody could see are kept until they
+// can go (app/Undelivered.h). Any other value or none: they are dropped.
+extern bool gKeepUndelivered;
 // Stacking order of the next helper window, 0 to 9.
 extern int current_window_num;
 // Last-write time of the cached customisation file.

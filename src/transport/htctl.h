@@ -51,6 +51,13 @@ public:
     // examined.
     int MessageReceived(tagCTL_MESSAGERECEIVEDINFO* info);
     int MessageAcknowledged(tagCTL_MESSAGEACKNOWLEDGEDINFO* info);
+    // The MESSAGEACK of MessageAcknowledged, saying whether it was written: 0
+    // when it was, -1 without a link, else the write's error. Bytes written to
+    // a link whose peer has just gone unnoticed still count as written.
+    int SendAcknowledgement(const tagCTL_MESSAGEACKNOWLEDGEDINFO* info);
+    // Called on the link's read thread after each OPEN_REPLY whose RESULT is 0
+    // (or absent); set before Create. It must not block nor call back in.
+    std::atomic<void (*)()> m_registeredHook{nullptr};
     // 1: the request was written (or the link is down), 0: no link name. In
     // the waiting mode (Interface only: slavetype -1) 1 only for the gateway's
     // success.

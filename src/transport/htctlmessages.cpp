@@ -24,14 +24,14 @@ constexpr int kBlockTrailer = 2;          // zero bytes after the text
 constexpr unsigned char kBlockType = 12;
 
 // "CMD=<command>", "ID=", "UF=" and, for a known user, "UN=", on the first
-// link. Nothing is sent when there is no link; the write's result is ignored.
-void SendMessageReport(CHTCTL& ctl, const char* command, int messageId, int userFlags,
-                       const char* userName) {
+// link. 0 when written; -1 without a link, else the write's error.
+int SendMessageReport(CHTCTL& ctl, const char* command, int messageId, int userFlags,
+                      const char* userName) {
     // The list lock keeps the link alive while it is written to; a caller that
     // already holds it (a code-16 callback) must not block on itself.
     CLockUnlessHeld list(ctl.m_lock);
     if (ctl.m_connections.empty()) {
-        return;
+        return -1;
     }
     CTL_HTTP_CONNECTION& link = *ctl.m_connections.front();
     OutgoingMessage request(link);
@@ -41,7 +41,7 @@ void SendMessageReport(CHTCTL& ctl, const char* command, int messageId, int user
     if (userName != nullptr && userName[0] != '\0') {
         request.Line("UN=%s\n", userName);
     }
-    request.WriteTo(link);
+    return request.WriteTo(link);
 }
 
 } // namespace
@@ -98,10 +98,15 @@ int CHTCTL::MessageReceived(tagCTL_MESSAGERECEIVEDINFO* info) {
 }
 
 int CHTCTL::MessageAcknowledged(tagCTL_MESSAGEACKNOWLEDGEDINFO* info) {
-    if (info != nullptr) {
-        SendMessageReport(*this, "MESSAGEACK", info->messageid, info->userflags, info->username);
-    }
+    SendAcknowledgement(info);
     return 0;
+}
+
+int CHTCTL::SendAcknowledgement(const tagCTL_MESSAGEACKNOWLEDGEDINFO* info) {
+    if (info == nullptr) {
+        return -1;
+    }
+    return SendMessageReport(*this, "MESSAGEACK", info->messageid, info->userflags, info->username);
 }
 
 } // namespace vel

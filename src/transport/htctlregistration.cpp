@@ -77,6 +77,7 @@ int CHTCTL::OnConnected(CTL_HTTP_CONNECTION& connection) {
 
 void CHTCTL::OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
     std::string gatewayVersion = "1.1"; // when the gateway names none
+    int result = 0;
     ForEachBodyLine(body, [&](char* line) {
         std::string text;
         int number = 0;
@@ -87,6 +88,7 @@ void CHTCTL::OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
             connection.m_maxpacket = number;
         } else if (TakeField(line, "RESULT", number)) {
             connection.m_open_reply_err = number;
+            result = number;
         } else if (TakeField(line, "FAILED_REASON", number)) {
             m_failed_reason = number;
         } else if (!TakePollPeriod(line, connection)) {
@@ -94,6 +96,10 @@ void CHTCTL::OnOpenReply(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {
         }
     });
     connection.LowerProtocolVersion(MakeMajorMinVerParam(gatewayVersion.c_str()));
+    void (*hook)() = m_registeredHook.load();
+    if (result == 0 && hook != nullptr) {
+        hook();
+    }
 }
 
 void CHTCTL::OnConfigUpdate(tagHTTP_BUF& body, CTL_HTTP_CONNECTION& connection) {

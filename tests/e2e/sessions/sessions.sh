@@ -175,9 +175,9 @@ case_gnome_user_service() {
     user_manager systemctl --user set-environment DISPLAY=:0 WAYLAND_DISPLAY=wayland-0 \
         "XAUTHORITY=$authority"
     user_manager systemd-run --user --quiet --unit=nd-settings sleep infinity
-    notify 109
-    expect_receipt 109 alice
-    expect_shown_and_acknowledged 109 mutter alice :0 "$authority" wayland-0
+    notify 110
+    expect_receipt 110 alice
+    expect_shown_and_acknowledged 110 mutter alice :0 "$authority" wayland-0
 }
 
 # GNOME on Xorg: the greeter's root X server stays on :0, the user's own X
@@ -338,6 +338,40 @@ case_hostile() {
     sleep 3
     expect "nothing ran from the planted values" inside test ! -e "$kHostileMark"
     expect "no display program" inside sh -c '! pidof notifymessage'
+}
+
+# [agent] KeepUndelivered=1 (discovery only): a notification while nobody is
+# logged in waits for the next graphical login (a LightDM-like one), is shown
+# there once and acknowledged; a second login shows nothing. Today: never
+# shown, as without the setting.
+case_kept_login() {
+    local login shown=0
+    [ "$mode" = today ] || { config+=$'[agent]\nKeepUndelivered=1\n' && shown=1; }
+    start_bed
+    notify 109
+    expect_receipt 109 ""
+    [ "$shown" = 0 ] || await 5 "kept" \
+        "grep -q ' Notification 109 kept until the next graphical login$' /var/log/notifydaemon.log"
+    expect_nothing_started
+    root_x nd-lightdm-x :0 /var/run/lightdm/root/:0
+    add_user alice
+    user_cookie alice :0 /var/run/lightdm/root/:0 /home/alice/.Xauthority
+    for login in 1 2; do
+        session "nd-xfce-$login" alice x11 seat0 --property=TTYPath=/dev/:0 \
+            --property=UtmpIdentifier=:0 --property=UtmpMode=user --setenv=DISPLAY=:0 \
+            --setenv=XAUTHORITY=/home/alice/.Xauthority -- sleep infinity
+        expect_session "nd-xfce-$login" "Active=yes Class=user Remote=no Seat=seat0 Type=x11"
+        if [ "$login$shown" = 11 ]; then
+            expect_shown_and_acknowledged 109 xvfb alice :0 /home/alice/.Xauthority
+        else
+            expect_nothing_started
+        fi
+        inside systemctl stop "nd-xfce-$login"
+    done
+    expect "shown $shown time(s)" [ "$(inside grep -c ' Kept notification 109 shown in session ' \
+        /var/log/notifydaemon.log)" = "$shown" ]
+    expect "acknowledged $shown time(s)" \
+        [ "$(inside grep -c 'CMD=MESSAGEACK ID=109 ' /root/gateway.out)" = "$shown" ]
 }
 
 case "$step" in
