@@ -77,6 +77,9 @@ user_cookie() {
         awk '{print \$3}') && chown '$user:' '$to' && chmod 600 '$to'"
 }
 
+# The cookie mutter writes for its Xwayland in the user's runtime folder.
+mutter_cookie() { inside sh -c "ls /run/user/\$(id -u '$1')/.mutter-Xwaylandauth.*"; }
+
 notify() { gateway "message $1 \"Session test $1\" \"120|Sessions\" 5"; }
 
 expect_receipt() {
@@ -150,7 +153,7 @@ case_gnome_wayland() {
     fi
     expect_receipt 101 alice
     local authority
-    authority=$(inside sh -c 'ls /run/user/$(id -u alice)/.mutter-Xwaylandauth.*')
+    authority=$(mutter_cookie alice)
     expect_shown_and_acknowledged 101 mutter alice :0 "$authority" wayland-0
 }
 
@@ -171,7 +174,7 @@ case_gnome_user_service() {
     user_manager systemd-run --user --quiet --unit=nd-shell mutter --headless --wayland \
         --virtual-monitor 1280x800
     await 30 "mutter's X display" "ls /run/user/$uid/.mutter-Xwaylandauth.* && test -S /tmp/.X11-unix/X0"
-    authority=$(inside sh -c "ls /run/user/$uid/.mutter-Xwaylandauth.*")
+    authority=$(mutter_cookie alice)
     user_manager systemctl --user set-environment DISPLAY=:0 WAYLAND_DISPLAY=wayland-0 \
         "XAUTHORITY=$authority"
     user_manager systemd-run --user --quiet --unit=nd-settings sleep infinity
@@ -226,7 +229,7 @@ case_plasma_wayland() {
     fi
     expect_receipt 104 alice
     local authority
-    authority=$(inside sh -c 'ls /run/user/$(id -u alice)/.mutter-Xwaylandauth.*')
+    authority=$(mutter_cookie alice)
     expect_shown_and_acknowledged 104 mutter alice :1 "$authority" wayland-0
 }
 
