@@ -138,12 +138,26 @@ expect_shown_and_acknowledged() {
     await 5 "display program ended" "! pidof notifymessage"
 }
 
+# alice's mutter in a Wayland session on seat0, once the Xwayland it
+# starts is up on DISPLAY: mutter_session UNIT DISPLAY
+mutter_session() {
+    local unit=$1 display=$2
+    session "$unit" alice wayland seat0 -- mutter --headless --wayland --virtual-monitor 1280x800
+    await 30 "the user's Xwayland on $display" "pgrep -u alice -f '^/usr/bin/Xwayland $display '"
+    expect_session "$unit" "Active=yes Class=user Remote=no Seat=seat0 Type=wayland"
+}
+
+# Received as alice's, shown on mutter's Xwayland at DISPLAY and acknowledged.
+expect_shown_on_mutter() {
+    local id=$1 display=$2
+    expect_receipt "$id" alice
+    expect_shown_and_acknowledged "$id" mutter alice "$display" "$(mutter_cookie alice)" wayland-0
+}
+
 # GNOME on Wayland: mutter and the Xwayland it starts, the session on seat0.
 case_gnome_wayland() {
     start_bed
-    session nd-gnome alice wayland seat0 -- mutter --headless --wayland --virtual-monitor 1280x800
-    await 30 "mutter's Xwayland" "pgrep -u alice -x Xwayland"
-    expect_session nd-gnome "Active=yes Class=user Remote=no Seat=seat0 Type=wayland"
+    mutter_session nd-gnome :0
     notify 101
     if [ "$mode" = today ]; then
         # Xwayland does not look like "/…/X -auth": no window, receipt still sent.
@@ -151,10 +165,7 @@ case_gnome_wayland() {
         expect_nothing_started
         return
     fi
-    expect_receipt 101 alice
-    local authority
-    authority=$(mutter_cookie alice)
-    expect_shown_and_acknowledged 101 mutter alice :0 "$authority" wayland-0
+    expect_shown_on_mutter 101 :0
 }
 
 # GNOME as it runs today: the session's scope holds only its leader; the
@@ -179,8 +190,7 @@ case_gnome_user_service() {
         "XAUTHORITY=$authority"
     user_manager systemd-run --user --quiet --unit=nd-settings sleep infinity
     notify 110
-    expect_receipt 110 alice
-    expect_shown_and_acknowledged 110 mutter alice :0 "$authority" wayland-0
+    expect_shown_on_mutter 110 :0
 }
 
 # GNOME on Xorg: the greeter's root X server stays on :0, the user's own X
@@ -216,9 +226,7 @@ case_gnome_xorg() {
 case_plasma_wayland() {
     start_bed
     root_x nd-sddm-x :0 /var/run/sddm/xauth_nd
-    session nd-plasma alice wayland seat0 -- mutter --headless --wayland --virtual-monitor 1280x800
-    await 30 "the user's Xwayland on :1" "pgrep -u alice -f '^/usr/bin/Xwayland :1 '"
-    expect_session nd-plasma "Active=yes Class=user Remote=no Seat=seat0 Type=wayland"
+    mutter_session nd-plasma :1
     notify 104
     if [ "$mode" = today ]; then
         # The probe finds the greeter's server; its cookie is root's and no
@@ -227,10 +235,7 @@ case_plasma_wayland() {
         expect_nothing_shown
         return
     fi
-    expect_receipt 104 alice
-    local authority
-    authority=$(mutter_cookie alice)
-    expect_shown_and_acknowledged 104 mutter alice :1 "$authority" wayland-0
+    expect_shown_on_mutter 104 :1
 }
 
 # LightDM: one root X server on :0, its cookie root's; the user's session
